@@ -1,0 +1,47 @@
+# Newcomer entry points: `make demo` and `make test`. Build trees live under build/.
+JOBS ?= 2
+CYCLES ?= 1000000
+GEN := -G Ninja
+
+.PHONY: demo test deps build-release test-main test-asan test-tsan bench clean
+
+deps:
+	@scripts/install-deps.sh
+
+build-release: deps
+	cmake -S . -B build/release $(GEN) -DCMAKE_BUILD_TYPE=Release -DTARVEL_TESTS=OFF
+	cmake --build build/release -j $(JOBS)
+
+# Builds in Release and runs the main job on a built-in example.
+demo: build-release
+	./build/release/tools/tarvel_demo $(CYCLES)
+
+# Builds and runs every test: the plain build, then AddressSanitizer+UndefinedBehaviorSanitizer
+# (with short fuzz runs), then ThreadSanitizer over the store-sharing tests.
+test: deps test-main test-asan test-tsan
+
+test-main:
+	cmake -S . -B build/main $(GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARVEL_BENCH=OFF
+	cmake --build build/main -j $(JOBS)
+	cd build/main && ctest --output-on-failure -j $(JOBS) -LE fuzz
+
+test-asan:
+	cmake -S . -B build/asan $(GEN) -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ \
+	  -DTARVEL_SANITIZE=address,undefined -DTARVEL_FUZZ=ON -DTARVEL_BENCH=OFF
+	cmake --build build/asan -j $(JOBS)
+	cd build/asan && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 ctest --output-on-failure -j $(JOBS)
+
+test-tsan:
+	cmake -S . -B build/tsan $(GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
+	  -DTARVEL_SANITIZE=thread -DTARVEL_BENCH=OFF
+	cmake --build build/tsan -j $(JOBS) --target store_sharing_tests
+	cd build/tsan && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -L sharing
+
+# Benchmarks (Release); figures go to docs/performance.md.
+bench: deps
+	cmake -S . -B build/release $(GEN) -DCMAKE_BUILD_TYPE=Release -DTARVEL_TESTS=OFF
+	cmake --build build/release -j $(JOBS)
+	./build/release/bench/store_bench
+
+clean:
+	rm -rf build

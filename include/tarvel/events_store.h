@@ -1,0 +1,258 @@
+// The events store: one signal's events (time, delta, value, source) in compressed form, with
+// cursors to walk them, a cache of cursor positions, the three emission interfaces through which
+// a store hands its content to a file writer, and the direct stores through which a file reader
+// refills a store. Public header; compiles as C++17 and later.
+//
+// Semantics. A KEventsStore is a handle of one pointer on a shared, reference-counted body.
+// Copying a handle is cheap and shares the body; every modifying member first makes the body
+// private to the handle (copy on write). Two handles that share a body and receive the same
+// modification end up sharing one new body again, so operator== tells identical event streams
+// apart from different ones without comparing events.
+//
+// Costs. Appending an event to a store that its handle owns alone takes no lock and no
+// allocation in the common case (a few compares and stores). The first modification of a shared
+// body copies it. Walking costs a few nanoseconds per event; a run of repeated steps (a clock)
+// is walked without decoding and can be jumped over in one call.
+//
+// Threads. Handles may be copied, assigned and destroyed on any thread, also while they share
+// bodies. One handle, and the cursors walking it, belong to one thread at a time.
+//
+// Memory. Every allocation follows the library's out-of-memory rule: once memory is exhausted,
+// store operations throw std::bad_alloc, leave the store as it was, and keep failing until
+// PrepareOutOfMemoryBuffer() is called.
+#ifndef TARVEL_EVENTS_STORE_H
+#define TARVEL_EVENTS_STORE_H
+
+#include <tarvel/config.h>
+
+namespace Tarvel {
+
+struct KEventsStoreBody;
+struct EventCursor;
+struct EventCursorCacheMap;
+class KEventsStore;
+
+// Receives the time steps of a store (KEventsStore::WriteTimeDelta). Each member returns true
+// to go on, false to stop the emission. Steps are differences from the previous event's time
+// (the first one from time 0).
+class TARVEL_API ITimeDeltaWriter {
+public:
+    // One step: the time difference and the delta-cycle index of the event.
+    virtual bool pushTimeDelta(const int64& difference, int delta) = 0;
+    // `length` steps (1 to 4), played `count` times in a row.
+    virtual bool pushRepeat(int length, const int64& count, const std::pair<int64, int>* steps) = 0;
+    // The store's end time (KEventsStore::EndTime); always the last call.
+    virtual bool pushEnd(const int64& endTime) = 0;
+
+protected:
+    ~ITimeDeltaWriter() = default;
+};
+
+// Receives the values of a store (KEventsStore::WriteValue). Value pointers point at
+// KEventsStore::GetSize() bytes each and are valid during the call only.
+class TARVEL_API IValueWriter {
+public:
+    // The number of values that the calls of this emission deliver in all (sent first).
+    virtual bool pushCount(int count) = 0;
+    // One value.
+    virtual bool pushValue(const unsigned char* value) = 0;
+    // `length` values (1 to 4), played `count` times in a row.
+    virtual bool pushRepeatedValue(int length, const int64& count, const unsigned char* const* values) = 0;
+
+protected:
+    ~IValueWriter() = default;
+};
+
+// Receives the sources of a store (KEventsStore::WriteSource), in the same shapes as values.
+class TARVEL_API ISourceWriter {
+public:
+    virtual bool pushCount(int count) = 0;
+    virtual bool pushSource(int source) = 0;
+    virtual bool pushRepeatedSource(int length, const int64& count, const int* sources) = 0;
+
+protected:
+    ~ISourceWriter() = default;
+};
+
+// A saved set of cursor positions, one per store handle, that speeds up repeated walks
+// (KEventsStore::Cache, KEventsStore::GetFirstEvent). Not copyable; one thread at a time.
+class TARVEL_API KEventsStoreCache {
+public:
+    KEventsStoreCache();
+    ~KEventsStoreCache();
+    KEventsStoreCache(const KEventsStoreCache&) = delete;
+    KEventsStoreCache& operator=(const KEventsStoreCache&) = delete;
+
+    // Forgets every saved position.
+    void clear();
+
+private:
+    friend class KEventsStore;
+    EventCursorCacheMap* m_map;  // handle identity -> saved cursor; null until the first Cache()
+};
+
+// A cursor on the events of one store. Default-constructed it is bound to no store; the store's
+// GetFirstEvent binds it. It stays valid while the handle it walks is neither modified nor
+// destroyed.
+class TARVEL_API KEventData {
+public:
+    KEventData();
+    KEventData(const KEventData& other);
+    KEventData& operator=(const KEventData& other);
+    ~KEventData();
+
+    // Index of the event from 0; -1 before the first event.
+    int GetIndex() const;
+    const int64& GetTime() const;
+    unsigned GetDelta() const;
+    // Copies the event's value into `buffer`: min(size, the store's value size) bytes.
+    // Returns false when the store keeps no value for this event.
+    bool GetValue(unsigned char* buffer, unsigned size) const;
+    // The event's source, 0 when the store keeps no source for it.
+    int GetSource() const;
+
+private:
+    friend class KEventsStore;
+    EventCursor* m_cursor;  // owned iteration state
+};
+
+class TARVEL_API KEventsStore {
+public:
+    // An empty store without value size; shares one global empty body and allocates nothing.
+    KEventsStore();
+    KEventsStore(const KEventsStore& other);
+    KEventsStore& operator=(const KEventsStore& other);
+    ~KEventsStore();
+
+    // Exchanges the bodies of the two handles.
+    void swap(KEventsStore* other);
+
+    // Sets the value size in bytes: 1 and 4 give stores of 4-byte values (the kind made for 1 is
+    // tuned for values below 256), 8 gives 8-byte values, 0 and any other size give a store that
+    // keeps times only. Changing the kind empties the store.
+    void SetSize(int size);
+    // The size of one stored value: 4, 4 or 8 for the sizes 1, 4 and 8; 0 without values.
+    int GetSize() const;
+    // The stored width of a value: 4, 4 or 8 for the sizes 1, 4 and 8; 0 without values.
+    int GetSecondSize() const;
+    // Marks the store as a bus: it drops its values and sources and keeps time steps only.
+    void SetBus();
+    bool GetBus() const;
+
+    // Appends a time step without value. A step equal to the last pushed one is absorbed.
+    // Returns the index of the (last) event.
+    int push_back(const int64& time, int delta);
+    // Appends an event with value (GetSize() bytes are read when the store keeps values) and
+    // source 0. Returns its index.
+    int push_back(const int64& time, int delta, const unsigned char* value);
+    // Appends an event with value and source (0 for none). Returns its index.
+    int push_back(const int64& time, int delta, const unsigned char* value, int source);
+    // Closes the store: flushes the coders and records the end time and delta.
+    void push_end(const int64& time, int delta);
+    // Reopens a closed store for appending.
+    void restart();
+    // Empties the store, keeping its value size.
+    void clear();
+
+    bool empty() const;
+    unsigned count() const;
+    int LastIndex() const;
+    // True when the store keeps at least one source entry.
+    bool Sources() const;
+    const int64& EndTime() const;
+    int EndDelta() const;
+    // The body's serial number; it changes whenever a modification had to copy the body.
+    int GetNr() const;
+
+    // Walking (expects a closed store). GetFirstEvent(data) stands on the first event.
+    bool GetFirstEvent(KEventData* data) const;
+    // Stands on the last event before `time` (or on the first event when none is earlier;
+    // on the first event for time 0). With a cache holding a position of this handle not later
+    // than `time`, stands there instead. Returns false for an empty store.
+    bool GetFirstEvent(const int64& time, KEventData* data, KEventsStoreCache* cache) const;
+    // Steps to the next event; false after the last.
+    bool GetNextEvent(KEventData* data) const;
+    // As above; inside a repeated run whose every step is shorter than `span` (and span is not
+    // -1) it jumps to the run's last event at once and sets *skipped.
+    bool GetNextEvent(KEventData* data, const int64& span, bool* skipped) const;
+    // Saves data's position in the cache under this handle.
+    void Cache(KEventData* data, KEventsStoreCache* cache) const;
+
+    // Emission: each returns true when every call of the writer returned true.
+    bool WriteTimeDelta(ITimeDeltaWriter* writer) const;
+    // REQUIRES: GetSize() != 0.
+    bool WriteValue(IValueWriter* writer) const;
+    // REQUIRES: Sources().
+    bool WriteSource(ISourceWriter* writer) const;
+
+    // True exactly when both handles hold the same body.
+    bool operator==(const KEventsStore& other) const { return m_body == other.m_body; }
+    bool operator!=(const KEventsStore& other) const { return m_body != other.m_body; }
+    // Orders handles by the address of their body.
+    bool operator<(const KEventsStore& other) const;
+
+private:
+    friend class KDirectTimeDeltaStore;
+    friend class KDirectValueStore;
+    friend class KDirectSourceStore;
+    friend struct StoreAccess;
+    KEventsStoreBody* m_body;
+};
+
+// Refills a store's time steps from exactly the calls a ITimeDeltaWriter receives, coding each
+// call as it comes. Construction makes the body private to the handle and reopens it; the
+// destructor closes the stream again. The handle must outlive this object.
+class TARVEL_API KDirectTimeDeltaStore final : public ITimeDeltaWriter {
+public:
+    explicit KDirectTimeDeltaStore(KEventsStore* store);
+    ~KDirectTimeDeltaStore();
+    KDirectTimeDeltaStore(const KDirectTimeDeltaStore&) = delete;
+    KDirectTimeDeltaStore& operator=(const KDirectTimeDeltaStore&) = delete;
+
+    bool pushTimeDelta(const int64& difference, int delta) override;
+    bool pushRepeat(int length, const int64& count, const std::pair<int64, int>* steps) override;
+    bool pushEnd(const int64& endTime) override;
+
+private:
+    KEventsStoreBody* m_body;  // the store's private body
+    int m_count;               // event count, stored back into the body at destruction
+    int64 m_time;              // running absolute time of the last step
+    unsigned m_delta;          // delta of the last step
+};
+
+// Refills a store's values from the calls an IValueWriter receives. The store must have its
+// value size already (KEventsStore::SetSize); without one the values are dropped.
+class TARVEL_API KDirectValueStore final : public IValueWriter {
+public:
+    explicit KDirectValueStore(KEventsStore* store);
+    ~KDirectValueStore();
+    KDirectValueStore(const KDirectValueStore&) = delete;
+    KDirectValueStore& operator=(const KDirectValueStore&) = delete;
+
+    bool pushCount(int count) override;
+    bool pushValue(const unsigned char* value) override;
+    bool pushRepeatedValue(int length, const int64& count, const unsigned char* const* values) override;
+
+private:
+    KEventsStoreBody* m_body;
+};
+
+// Refills a store's sources from the calls an ISourceWriter receives.
+class TARVEL_API KDirectSourceStore final : public ISourceWriter {
+public:
+    explicit KDirectSourceStore(KEventsStore* store);
+    ~KDirectSourceStore();
+    KDirectSourceStore(const KDirectSourceStore&) = delete;
+    KDirectSourceStore& operator=(const KDirectSourceStore&) = delete;
+
+    bool pushCount(int count) override;
+    bool pushSource(int source) override;
+    bool pushRepeatedSource(int length, const int64& count, const int* sources) override;
+
+private:
+    KEventsStoreBody* m_body;
+};
+
+}  // namespace Tarvel
+
+#endif  // TARVEL_EVENTS_STORE_H

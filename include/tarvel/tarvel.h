@@ -1,0 +1,9 @@
+// The whole exported interface of the tarvel waveform library, namespace Tarvel.
+// Public header; compiles as C++17 and later.
+#ifndef TARVEL_TARVEL_H
+#define TARVEL_TARVEL_H
+
+#include <tarvel/config.h>
+#include <tarvel/events_store.h>
+
+#endif  // TARVEL_TARVEL_H

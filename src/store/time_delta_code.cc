@@ -1,0 +1,222 @@
+// Encoding and decoding of single-step and repeat codes of the time-delta stream.
+// Store layer; pure functions, any thread.
+#include "store/time_delta_code.h"
+
+#include <array>
+
+namespace Tarvel {
+namespace {
+
+// How one single-step opcode carries its difference and delta.
+struct StepForm {
+    std::uint8_t differenceBytes;  // operand bytes of the difference (mantissa for scaled codes)
+    std::uint8_t differenceConst;  // the difference when it has no operand
+    std::uint8_t deltaBytes;       // operand bytes of the delta
+    std::uint8_t deltaConst;       // the delta when it has no operand
+    std::uint32_t scale;           // multiplier of the difference operand
+};
+
+constexpr std::uint32_t kScales[7] = {2, 10, 100, 1000, 10000, 100000, 1000000};
+// Difference operand widths of the unscaled codes 63-90, in opcode order.
+constexpr std::uint8_t kUnscaledWidths[7] = {1, 2, 3, 4, 5, 6, 8};
+
+// The delta form of the low two bits of a form index: 0 = 2-byte operand, 1 = 1-byte operand,
+// 2 = the constant 1, 3 = the constant 0 (scaled codes); unscaled codes 63-90 use the order
+// 0, 1, 1-byte, 2-byte instead.
+constexpr StepForm ScaledForm(unsigned opcode) {
+    const unsigned r = opcode % 8;
+    const std::uint8_t mantissa = r < 4 ? 1 : 2;
+    const unsigned d = r % 4;
+    return StepForm{mantissa, 0, static_cast<std::uint8_t>(d == 0 ? 2 : d == 1 ? 1 : 0),
+                    static_cast<std::uint8_t>(d == 2 ? 1 : 0), kScales[opcode / 8]};
+}
+
+constexpr StepForm UnscaledForm(unsigned opcode) {
+    switch (opcode) {
+        case 56: return {0, 0, 0, 0, 1};
+        case 57: return {0, 1, 0, 0, 1};
+        case 58: return {0, 0, 0, 1, 1};
+        case 59: return {0, 0, 1, 0, 1};
+        case 60: return {0, 1, 0, 1, 1};
+        case 61: return {0, 1, 1, 0, 1};
+        case 62: return {0, 1, 2, 0, 1};
+        case 91: return {0, 0, 1, 0, 1};
+        case 92: return {0, 0, 2, 0, 1};
+        default: break;
+    }
+    const unsigned i = opcode - 63;
+    const unsigned d = i % 4;
+    return StepForm{kUnscaledWidths[i / 4], 0, static_cast<std::uint8_t>(d < 2 ? 0 : d - 1),
+                    static_cast<std::uint8_t>(d == 1 ? 1 : 0), 1};
+}
+
+constexpr std::array<StepForm, 93> MakeForms() {
+    std::array<StepForm, 93> forms{};
+    for (unsigned op = 0; op < 93; ++op) forms[op] = op < 56 ? ScaledForm(op) : UnscaledForm(op);
+    return forms;
+}
+
+constexpr std::array<StepForm, 93> kForms = MakeForms();
+
+std::uint64_t LoadLE(const unsigned char* p, unsigned bytes) {
+    std::uint64_t v = 0;
+    for (unsigned i = bytes; i-- > 0;) v = (v << 8) | p[i];
+    return v;
+}
+
+unsigned StoreLE(unsigned char* p, std::uint64_t v, unsigned bytes) {
+    for (unsigned i = 0; i < bytes; ++i) p[i] = static_cast<unsigned char>(v >> (8 * i));
+    return bytes;
+}
+
+// Delta forms in the unscaled order: 0 -> delta 0, 1 -> delta 1, 2 -> 1 byte, 3 -> 2 bytes.
+unsigned DeltaForm(std::uint32_t delta) { return delta == 0 ? 0 : delta == 1 ? 1 : delta <= 0xFF ? 2 : 3; }
+unsigned DeltaBytes(unsigned form) { return form < 2 ? 0 : form - 1; }
+
+unsigned DifferenceWidthIndex(std::uint64_t difference) {
+    if (difference <= 0xFF) return 0;
+    if (difference <= 0xFFFF) return 1;
+    if (difference <= 0xFFFFFF) return 2;
+    if (difference <= 0xFFFFFFFFull) return 3;
+    if (difference <= 0xFFFFFFFFFFull) return 4;
+    if (difference <= 0xFFFFFFFFFFFFull) return 5;
+    return 6;
+}
+
+unsigned WriteDelta(unsigned char* out, std::uint32_t delta, unsigned form) {
+    return StoreLE(out, delta, DeltaBytes(form));
+}
+
+// Codes for the differences 0 and 1, indexed by delta form.
+constexpr unsigned char kZeroCodes[4] = {56, 58, 59, 92};
+constexpr unsigned char kOneCodes[4] = {57, 60, 61, 62};
+
+// The scaled form of `difference` (>= 2): the smallest group with a 1-byte mantissa, else the
+// smallest with a 2-byte one. Returns false when no group represents it exactly.
+bool FindScaled(std::uint64_t difference, unsigned* group, std::uint64_t* mantissa) {
+    for (unsigned limitBytes = 1; limitBytes <= 2; ++limitBytes) {
+        const std::uint64_t limit = limitBytes == 1 ? 0xFF : 0xFFFF;
+        for (unsigned g = 0; g < 7; ++g) {
+            if (difference % kScales[g] == 0 && difference / kScales[g] <= limit) {
+                *group = g;
+                *mantissa = difference / kScales[g];
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+unsigned EncodeStepUnscaled(unsigned char* out, const TimeDelta& step) {
+    const std::uint32_t delta = step.delta & 0xFFFF;
+    const unsigned form = DeltaForm(delta);
+    const std::uint64_t difference = static_cast<std::uint64_t>(step.difference);
+    if (difference <= 1) {
+        out[0] = difference == 0 ? kZeroCodes[form] : kOneCodes[form];
+        return 1 + WriteDelta(out + 1, delta, form);
+    }
+    const unsigned wi = DifferenceWidthIndex(difference);
+    out[0] = static_cast<unsigned char>(63 + 4 * wi + form);
+    unsigned n = 1 + StoreLE(out + 1, difference, kUnscaledWidths[wi]);
+    return n + WriteDelta(out + n, delta, form);
+}
+
+unsigned EncodeStepShortest(unsigned char* out, const TimeDelta& step) {
+    const std::uint32_t delta = step.delta & 0xFFFF;
+    if (delta == 0 && step.difference >= 2 && step.difference <= 0xFF) {
+        out[0] = 63;
+        out[1] = static_cast<unsigned char>(step.difference);
+        return 2;
+    }
+    if (step.difference < 2) return EncodeStepUnscaled(out, step);
+    const std::uint64_t difference = static_cast<std::uint64_t>(step.difference);
+    unsigned group = 0;
+    std::uint64_t mantissa = 0;
+    const unsigned form = DeltaForm(delta);
+    const unsigned unscaledBytes = 1 + kUnscaledWidths[DifferenceWidthIndex(difference)] + DeltaBytes(form);
+    if (!FindScaled(difference, &group, &mantissa)) return EncodeStepUnscaled(out, step);
+    const unsigned mantissaBytes = mantissa <= 0xFF ? 1 : 2;
+    if (1 + mantissaBytes + DeltaBytes(form) >= unscaledBytes) return EncodeStepUnscaled(out, step);
+    // Scaled delta order: 0 -> 2-byte, 1 -> 1-byte, 2 -> constant 1, 3 -> constant 0.
+    static constexpr unsigned kScaledDelta[4] = {3, 2, 1, 0};
+    out[0] = static_cast<unsigned char>(group * 8 + (mantissaBytes - 1) * 4 + kScaledDelta[form]);
+    unsigned n = 1 + StoreLE(out + 1, mantissa, mantissaBytes);
+    return n + WriteDelta(out + n, delta, form);
+}
+
+unsigned EncodeRepeatHeader(unsigned char* out, unsigned length, std::uint64_t count) {
+    const bool shortCount = count >= 2 && count <= 32;
+    if (length == 1 && shortCount) {
+        out[0] = static_cast<unsigned char>(100 + count);
+        return 1;
+    }
+    if (length == 2 && shortCount) {
+        out[0] = static_cast<unsigned char>(132 + count);
+        return 1;
+    }
+    if (shortCount) {
+        out[0] = static_cast<unsigned char>(164 + count);
+        out[1] = static_cast<unsigned char>(length);
+        return 2;
+    }
+    const unsigned widthIndex = count <= 0xFF ? 0 : count <= 0xFFFF ? 1 : count <= 0xFFFFFFFFull ? 2 : 3;
+    static constexpr unsigned kCountBytes[4] = {1, 2, 4, 8};
+    unsigned n = 0;
+    if (length == 1) {
+        out[n++] = static_cast<unsigned char>(97 + widthIndex);
+    } else {
+        out[n++] = static_cast<unsigned char>(93 + widthIndex);
+        out[n++] = static_cast<unsigned char>(length);
+    }
+    return n + StoreLE(out + n, count, kCountBytes[widthIndex]);
+}
+
+unsigned StepCodeLength(unsigned char opcode) {
+    const StepForm& f = kForms[opcode];
+    return 1u + f.differenceBytes + f.deltaBytes;
+}
+
+TimeDelta DecodeStep(const unsigned char* code) {
+    const StepForm& f = kForms[code[0]];
+    TimeDelta step;
+    if (f.differenceBytes == 0) {
+        step.difference = f.differenceConst;
+    } else {
+        step.difference = static_cast<int64>(LoadLE(code + 1, f.differenceBytes) * f.scale);
+    }
+    step.delta = f.deltaBytes == 0 ? f.deltaConst
+                                   : static_cast<std::uint32_t>(LoadLE(code + 1 + f.differenceBytes, f.deltaBytes));
+    return step;
+}
+
+bool DecodeRepeatHeader(const unsigned char* code, std::uint64_t available, RepeatHeader* header) {
+    const unsigned op = code[0];
+    static constexpr unsigned kCountBytes[4] = {1, 2, 4, 8};
+    unsigned n = 1;
+    if (op >= 93 && op <= 100) {
+        const bool lengthByte = op <= 96;
+        const unsigned countBytes = kCountBytes[(op - 93) % 4];
+        if (available < 1u + lengthByte + countBytes) return false;
+        header->length = lengthByte ? code[n++] : 1;
+        header->count = LoadLE(code + n, countBytes);
+        n += countBytes;
+    } else if (op <= 132) {
+        header->length = 1;
+        header->count = op - 100;
+    } else if (op <= 164) {
+        header->length = 2;
+        header->count = op - 132;
+    } else {
+        if (available < 2) return false;
+        header->length = code[n++];
+        header->count = op - 164;
+    }
+    // 101, 133 and 165 are the short forms' unused first slots: they repeat nothing.
+    if (op == 101 || op == 133 || op == 165) header->count = 0;
+    header->bytes = n;
+    return header->length >= 1 && header->length <= kMaxPatternLength;
+}
+
+}  // namespace Tarvel

@@ -1,0 +1,108 @@
+// KTimeDeltaStore: the times of one store's events as a byte-coded stream of steps, with the
+// coder that appends steps (searching repeated patterns) and the cursor that walks them.
+// Store layer; not thread-safe: a store body is changed only by the handle that owns it alone.
+#ifndef TARVEL_STORE_TIME_DELTA_STORE_H
+#define TARVEL_STORE_TIME_DELTA_STORE_H
+
+#include <cstdint>
+
+#include "store/chunk_buffer.h"
+#include "store/run_finder.h"
+#include "store/time_delta_code.h"
+#include "tarvel/events_store.h"
+
+namespace Tarvel {
+
+using TimeDeltaBytes = ChunkBuffer<11>;  // chunks of 2048 bytes
+
+// Position of a walk in a time-delta stream. Plain data: copied by value into caches.
+struct TimeCursor {
+    std::uint64_t position = 0;       // byte position of the next code
+    int64 runLeft = 0;                // steps of the current repeat code still to deliver
+    TimeDelta pattern[kMaxPatternLength] = {};  // the current repeat code's steps
+    std::uint8_t length = 0;          // pattern length
+    std::uint8_t next = 0;            // pattern step delivered next
+};
+
+// Result of one cursor step.
+enum class StepResult { kStep, kEnd, kInvalid };
+
+class KTimeDeltaStore {
+public:
+    KTimeDeltaStore() = default;
+    ~KTimeDeltaStore();
+    KTimeDeltaStore(const KTimeDeltaStore&) = delete;
+    KTimeDeltaStore& operator=(const KTimeDeltaStore&) = delete;
+
+    // Makes this a deep copy of `other` (coder state included). Strong guarantee.
+    void CopyFrom(const KTimeDeltaStore& other);
+
+    // Appending through the coder. PrepareAppend() may throw std::bad_alloc and changes nothing
+    // observable; after it, one Append() cannot fail.
+    bool ReadyToAppend() const { return m_coder != nullptr && m_bytes.HasRoom(kMaxAppendBytes); }
+    void PrepareAppend();
+    void Append(const TimeDelta& step) { m_coder->finder.Push(step, *this); }
+
+    // Makes room for Finish(), which then cannot fail. May throw; changes nothing observable.
+    void PrepareFinish() { m_bytes.MakeRoom(kMaxAppendBytes + 1); }
+    // Codes what the coder holds back, then the end code. May throw; then nothing changed.
+    void Finish();
+    // Drops the end code so that appending can go on.
+    void Reopen();
+    // Codes what the coder holds back, without end code (before direct appends).
+    void FlushCoder();
+    void Clear();
+
+    // Direct appends (no pattern search); each may throw and then changes nothing.
+    void AppendDirectStep(const TimeDelta& step);
+    void AppendDirectRepeat(unsigned length, std::uint64_t count, const TimeDelta* steps);
+    void AppendEndCode();
+    // Makes room for the end code, which AppendReservedEndCode() then writes without failing.
+    // Direct appends keep that room.
+    void ReserveEndCode() { m_bytes.MakeRoom(1); }
+    void AppendReservedEndCode() {
+        m_bytes.PushByte(kEndCode);
+        m_ended = true;
+    }
+
+    bool empty() const { return m_bytes.empty(); }
+    std::uint64_t ByteLength() const { return m_bytes.size(); }
+    std::uint64_t MemoryBytes() const;
+
+    // Walking. Next() delivers the next step (kEnd at the end code or the end of the bytes).
+    StepResult Next(TimeCursor* cursor, TimeDelta* step) const;
+    // Emits the stream's codes in order (single steps and repeats), stopping at the end code.
+    bool Emit(ITimeDeltaWriter* writer) const;
+
+    // Coder sink interface (used by RunFinder).
+    void Literals(const TimeDelta* steps, unsigned count);
+    void Run(const TimeDelta* pattern, unsigned length, std::uint64_t repetitions);
+
+    // Fields the events store reads and writes directly.
+    std::int32_t eventCount = 0;
+    int64 lastTime = 0;            // time of the last appended event
+    std::uint32_t lastDelta = 0;   // delta of the last appended event
+
+private:
+    using Finder = RunFinder<TimeDelta, 2, 8>;
+    struct Coder {
+        Finder finder;
+    };
+    // Bytes one Append can code at most: a run code with its pattern, then the literals a
+    // broken run hands back and a full batch of literals.
+    static constexpr std::uint32_t kMaxAppendBytes =
+        2 * (kMaxRepeatHeaderBytes + kMaxPatternLength * kMaxStepBytes) + (Finder::kMaxLiteralBatch + kMaxPatternLength) * kMaxStepBytes;
+
+    StepResult ReadCode(TimeCursor* cursor, TimeDelta* step) const;
+    // REQUIRES: room for one repeat code.
+    void AppendRepeat(const TimeDelta* pattern, unsigned length, std::uint64_t repetitions,
+                      unsigned (*encode)(unsigned char*, const TimeDelta&));
+
+    TimeDeltaBytes m_bytes;   // the coded stream
+    Coder* m_coder = nullptr; // pattern search state while appending; null when idle
+    bool m_ended = false;     // the stream ends with the end code
+};
+
+}  // namespace Tarvel
+
+#endif  // TARVEL_STORE_TIME_DELTA_STORE_H

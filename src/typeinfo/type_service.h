@@ -1,0 +1,87 @@
+// The waveform library's access to the type-information service: TypeHandle wraps one
+// Sorvat::KTypeInfo. Type layer (src/typeinfo), the only part of the library that includes
+// sorvat/typeinfo.h. Threads: handles are immutable and copies share one description; any
+// threads may query a handle at once, and distinct handles may be used on different threads.
+#ifndef TARVEL_TYPEINFO_TYPE_SERVICE_H
+#define TARVEL_TYPEINFO_TYPE_SERVICE_H
+
+#include <sorvat/typeinfo.h>
+
+#include <cstdint>
+#include <string>
+#include <utility>
+
+namespace Tarvel {
+
+// Kind numbers of types (TypeHandle::Kind), as the files record them.
+enum TypeKind : int {
+    kTypeUnknown = Sorvat::kKindUnknown,
+    kTypeEnumeration = Sorvat::kKindEnumeration,
+    kTypeInteger = Sorvat::kKindInteger,
+    kTypeFloat = Sorvat::kKindFloat,
+    kTypeArray = Sorvat::kKindArray,
+    kTypeRecord = Sorvat::kKindRecord,
+    kTypePhysical = Sorvat::kKindPhysical,
+    kTypeAccess = Sorvat::kKindAccess,
+    kTypeFile = Sorvat::kKindFile,
+    kTypeLongInteger = Sorvat::kKindLongInteger,
+};
+
+// The two spellings of the std_logic type, and its nine value characters (codes 0 to 8).
+inline constexpr char kStdLogicTypeString[] = "e#9#std_logicc9 UX01ZWLH-";
+inline constexpr char kStdLogicSubtypeString[] = "c#9#std_logicc9 UX01ZWLH-";
+inline constexpr char kStdLogicValueCharacters[] = "UX01ZWLH-";
+
+// Returns true iff `text` (null allowed) is exactly one of the two std_logic spellings.
+bool IsStdLogicTypeString(const char* text);
+
+class TypeHandle {
+public:
+    // An invalid handle: every query answers false, 0 or "".
+    TypeHandle() = default;
+    // Parses `text` (null allowed); valid iff IsWellFormed(text). May throw std::bad_alloc.
+    explicit TypeHandle(const char* text);
+
+    // Returns true iff `text` is a well-formed type-information string.
+    static bool IsWellFormed(const char* text);
+
+    bool IsValid() const { return info_.IsValid(); }
+    // One of TypeKind.
+    int Kind() const { return info_.GetKind(); }
+    bool IsScalar() const { return info_.IsScalar(); }
+    // Bytes of one value (0 for access, file and opaque types).
+    std::int64_t ValueSize() const { return info_.GetSimpleSize_OldFormat(); }
+    // The type-information string; "" when invalid. Lives as long as the handle or a copy.
+    const char* Text() const { return info_.GetTypeInfoString(); }
+    // Returns true iff the string is one of the two std_logic spellings.
+    bool IsStdLogic() const { return IsStdLogicTypeString(Text()); }
+    // Returns true iff every literal is a character among "UX01ZWLH-".
+    bool AllowsStdLogicConversion() const { return info_.IsStdLogicConversionAllowed(); }
+    // Returns true iff the enumeration value (4 bytes) names a character literal.
+    bool IsCharValue(const unsigned char* value) const { return info_.IsCharValue(value); }
+
+    // Sets `text` to the text of a scalar value (ValueSize() bytes at `value`): an enumeration
+    // literal as written, or a number. Returns false (text cleared) when there is none.
+    bool ValueText(const unsigned char* value, std::string& text) const;
+    // Writes the ValueSize() bytes of the value that `text` names into `buffer`; false when
+    // `text` is no value of the type or the buffer is smaller than ValueSize().
+    bool TextToValue(const char* text, unsigned char* buffer, int bufferSize) const {
+        return info_.GetBytes_OldFormat(text, buffer, bufferSize);
+    }
+
+    // Elements of an array (all dimensions) or fields of a record; 0 for other kinds.
+    std::int64_t ChildCount() const { return info_.GetNbOfChildren(); }
+    // Name of a child relative to this type: "(7)", "(1,0)" or a field name; "" out of range.
+    std::string ChildName(std::int64_t child) const;
+    // Type of a child; invalid out of range.
+    TypeHandle ChildType(std::int64_t child) const { return TypeHandle(info_.GetChildType(child)); }
+
+private:
+    explicit TypeHandle(Sorvat::KTypeInfo info) : info_(std::move(info)) {}
+
+    Sorvat::KTypeInfo info_;
+};
+
+}  // namespace Tarvel
+
+#endif  // TARVEL_TYPEINFO_TYPE_SERVICE_H
