@@ -35,7 +35,7 @@ test-tsan:
 	cmake -S . -B build/tsan $(GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
 	  -DTARVEL_SANITIZE=thread -DTARVEL_BENCH=OFF
 	cmake --build build/tsan -j $(JOBS) --target store_sharing_tests
-	cd build/tsan && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -L sharing
+	TSAN_OPTIONS=halt_on_error=1 ./build/tsan/tests/store/store_sharing_tests
 
 # Benchmarks (Release); figures go to docs/performance.md.
 bench: deps

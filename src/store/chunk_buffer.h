@@ -23,7 +23,7 @@ public:
     static constexpr std::uint32_t kChunkSize = 1u << ChunkBits;
     static constexpr std::uint32_t kChunkMask = kChunkSize - 1;
     // Bytes that Span() makes readable at once.
-    static constexpr std::uint32_t kSpanBytes = 16;
+    static constexpr std::uint32_t kSpanBytes = 32;
 
     ChunkBuffer() = default;
     ChunkBuffer(const ChunkBuffer&) = delete;
@@ -70,6 +70,14 @@ public:
             out += take;
             n -= take;
         }
+    }
+
+    // A pointer to kSpanBytes bytes at `pos` inside one allocation, or null when they straddle.
+    const unsigned char* Direct(std::uint64_t pos) const {
+        const std::uint64_t chunk = pos >> ChunkBits;
+        const std::uint32_t offset = static_cast<std::uint32_t>(pos & kChunkMask);
+        const std::uint32_t allocated = chunk + 1 < m_count ? kChunkSize : m_lastCapacity;
+        return offset + kSpanBytes <= allocated ? m_chunks[chunk] + offset : nullptr;
     }
 
     // Returns a pointer to kSpanBytes bytes starting at `pos` (pos < size()): into the chunk when
@@ -127,13 +135,16 @@ public:
             return;
         }
         const std::uint64_t usedInLast = m_size - (std::uint64_t{m_count - 1} << ChunkBits);
-        if (usedInLast >= m_lastCapacity) return;
+        // Keep one span of slack so that reads near the end still see their bytes in place.
+        std::uint64_t keep = usedInLast + kSpanBytes;
+        if (keep > kChunkSize) keep = kChunkSize;
+        if (keep >= m_lastCapacity) return;
         if (usedInLast == 0) {
             Free(m_chunks[--m_count]);
             m_lastCapacity = kChunkSize;
-        } else if (void* shrunk = Platform::HeapReallocate(m_chunks[m_count - 1], usedInLast)) {
+        } else if (void* shrunk = Platform::HeapReallocate(m_chunks[m_count - 1], keep)) {
             m_chunks[m_count - 1] = static_cast<unsigned char*>(shrunk);
-            m_lastCapacity = static_cast<std::uint32_t>(usedInLast);
+            m_lastCapacity = static_cast<std::uint32_t>(keep);
         }
         m_capacity = (std::uint64_t{m_count - 1} << ChunkBits) + m_lastCapacity;
     }

@@ -79,8 +79,17 @@ unsigned KEventData::GetDelta() const { return m_cursor->delta; }
 
 bool KEventData::GetValue(unsigned char* buffer, unsigned size) const {
     const KEventsStoreBody* body = m_cursor->body;
-    if (!body || !body->values || m_cursor->index < 0) return false;
-    return body->values->ReadValue(m_cursor->index, buffer, size, &m_cursor->values);
+    if (!body || m_cursor->index < 0) return false;
+    // Static dispatch on the value kind: this runs once per event of a walk.
+    const int index = m_cursor->index;
+    PackCursor* cursor = &m_cursor->values;
+    switch (body->valueKind) {
+        case ValueKind::kSize1: return static_cast<const KValueStore<4, 1>*>(body->values)->ReadValue(index, buffer, size, cursor);
+        case ValueKind::kSize4: return static_cast<const KValueStore<4, 4>*>(body->values)->ReadValue(index, buffer, size, cursor);
+        case ValueKind::kSize8: return static_cast<const KValueStore<8, 8>*>(body->values)->ReadValue(index, buffer, size, cursor);
+        case ValueKind::kNone: break;
+    }
+    return false;
 }
 
 int KEventData::GetSource() const {

@@ -16,6 +16,7 @@
 
 #include "foundation/memory.h"
 #include "store/chunk_buffer.h"
+#include "store/little_endian.h"
 #include "store/run_finder.h"
 
 namespace Tarvel {
@@ -37,17 +38,8 @@ struct PackCursor {
 
 namespace PackBytes {
 
-template <class Word>
-inline Word Load(const unsigned char* p) {
-    Word w = 0;
-    for (unsigned i = sizeof(Word); i-- > 0;) w = static_cast<Word>((w << 8) | p[i]);
-    return w;
-}
-
-template <class Word>
-inline void Store(unsigned char* p, Word w) {
-    for (unsigned i = 0; i < sizeof(Word); ++i) p[i] = static_cast<unsigned char>(w >> (8 * i));
-}
+using LittleEndian::Load;
+using LittleEndian::Store;
 
 inline unsigned BitWidth(std::uint64_t range) {
     unsigned w = 0;
@@ -141,6 +133,10 @@ public:
 
     // Reads item `index` into *out. Returns false when there is no such item.
     bool Read(std::int64_t index, Word* out, PackCursor* cursor) const {
+        if (index >= cursor->first && index < static_cast<std::int64_t>(cursor->first) + cursor->items && cursor->first >= 0) {
+            *out = ItemAt(cursor->Position(), static_cast<std::uint32_t>(index - cursor->first));
+            return true;
+        }
         if (index < 0) return false;
         if (index >= m_coded) {
             const std::int64_t held = index - m_coded;
@@ -164,7 +160,7 @@ public:
         std::uint64_t position = 0;
         Word items[Finder::kMaxLiteralBatch];
         while (position < m_bytes.size()) {
-            unsigned char header[kRunHeader + 8];
+            unsigned char header[ChunkBuffer<14>::kSpanBytes];
             const unsigned char* h = m_bytes.Span(position, header);
             if (h[0] == kRunTag) {
                 Word pattern[kMaxRunPattern];
@@ -282,18 +278,16 @@ private:
         const unsigned char* h = m_bytes.Span(position, scratch);
         if (h[0] == kRunTag) {
             const unsigned length = h[1];
-            unsigned char word[sizeof(Word)];
-            m_bytes.Read(position + kRunHeader + (i % length) * sizeof(Word), word, sizeof(Word));
-            return PackBytes::Load<Word>(word);
+            // Pattern lengths are 1 to 4: avoid a division on this per-event path.
+            const unsigned slot = length == 1 ? 0 : length == 2 ? (i & 1) : length == 4 ? (i & 3) : i % 3;
+            const unsigned offset = kRunHeader + slot * static_cast<unsigned>(sizeof(Word));
+            if (offset + sizeof(Word) <= ChunkBuffer<14>::kSpanBytes) return PackBytes::Load<Word>(h + offset);
+            return PackBytes::Load<Word>(m_bytes.Span(position + offset, scratch));
         }
         const unsigned width = h[2];
         const Word base = PackBytes::Load<Word>(h + 3);
         const std::uint64_t data = position + kLiteralHeader;
-        if (width == 64) {
-            unsigned char word[8];
-            m_bytes.Read(data + std::uint64_t{i} * 8, word, 8);
-            return static_cast<Word>(PackBytes::Load<std::uint64_t>(word));
-        }
+        if (width == 64) return static_cast<Word>(PackBytes::Load<std::uint64_t>(m_bytes.Span(data + std::uint64_t{i} * 8, scratch)));
         if (width == 0) return base;
         const std::uint64_t bit = std::uint64_t{i} * width;
         const unsigned char* p = m_bytes.Span(data + bit / 8, scratch);

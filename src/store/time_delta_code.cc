@@ -7,56 +7,8 @@
 namespace Tarvel {
 namespace {
 
-// How one single-step opcode carries its difference and delta.
-struct StepForm {
-    std::uint8_t differenceBytes;  // operand bytes of the difference (mantissa for scaled codes)
-    std::uint8_t differenceConst;  // the difference when it has no operand
-    std::uint8_t deltaBytes;       // operand bytes of the delta
-    std::uint8_t deltaConst;       // the delta when it has no operand
-    std::uint32_t scale;           // multiplier of the difference operand
-};
-
-constexpr std::uint32_t kScales[7] = {2, 10, 100, 1000, 10000, 100000, 1000000};
-// Difference operand widths of the unscaled codes 63-90, in opcode order.
-constexpr std::uint8_t kUnscaledWidths[7] = {1, 2, 3, 4, 5, 6, 8};
-
-// The delta form of the low two bits of a form index: 0 = 2-byte operand, 1 = 1-byte operand,
-// 2 = the constant 1, 3 = the constant 0 (scaled codes); unscaled codes 63-90 use the order
-// 0, 1, 1-byte, 2-byte instead.
-constexpr StepForm ScaledForm(unsigned opcode) {
-    const unsigned r = opcode % 8;
-    const std::uint8_t mantissa = r < 4 ? 1 : 2;
-    const unsigned d = r % 4;
-    return StepForm{mantissa, 0, static_cast<std::uint8_t>(d == 0 ? 2 : d == 1 ? 1 : 0),
-                    static_cast<std::uint8_t>(d == 2 ? 1 : 0), kScales[opcode / 8]};
-}
-
-constexpr StepForm UnscaledForm(unsigned opcode) {
-    switch (opcode) {
-        case 56: return {0, 0, 0, 0, 1};
-        case 57: return {0, 1, 0, 0, 1};
-        case 58: return {0, 0, 0, 1, 1};
-        case 59: return {0, 0, 1, 0, 1};
-        case 60: return {0, 1, 0, 1, 1};
-        case 61: return {0, 1, 1, 0, 1};
-        case 62: return {0, 1, 2, 0, 1};
-        case 91: return {0, 0, 1, 0, 1};
-        case 92: return {0, 0, 2, 0, 1};
-        default: break;
-    }
-    const unsigned i = opcode - 63;
-    const unsigned d = i % 4;
-    return StepForm{kUnscaledWidths[i / 4], 0, static_cast<std::uint8_t>(d < 2 ? 0 : d - 1),
-                    static_cast<std::uint8_t>(d == 1 ? 1 : 0), 1};
-}
-
-constexpr std::array<StepForm, 93> MakeForms() {
-    std::array<StepForm, 93> forms{};
-    for (unsigned op = 0; op < 93; ++op) forms[op] = op < 56 ? ScaledForm(op) : UnscaledForm(op);
-    return forms;
-}
-
-constexpr std::array<StepForm, 93> kForms = MakeForms();
+using StepCode::kScales;
+using StepCode::kUnscaledWidths;
 
 std::uint64_t LoadLE(const unsigned char* p, unsigned bytes) {
     std::uint64_t v = 0;
@@ -171,24 +123,6 @@ unsigned EncodeRepeatHeader(unsigned char* out, unsigned length, std::uint64_t c
         out[n++] = static_cast<unsigned char>(length);
     }
     return n + StoreLE(out + n, count, kCountBytes[widthIndex]);
-}
-
-unsigned StepCodeLength(unsigned char opcode) {
-    const StepForm& f = kForms[opcode];
-    return 1u + f.differenceBytes + f.deltaBytes;
-}
-
-TimeDelta DecodeStep(const unsigned char* code) {
-    const StepForm& f = kForms[code[0]];
-    TimeDelta step;
-    if (f.differenceBytes == 0) {
-        step.difference = f.differenceConst;
-    } else {
-        step.difference = static_cast<int64>(LoadLE(code + 1, f.differenceBytes) * f.scale);
-    }
-    step.delta = f.deltaBytes == 0 ? f.deltaConst
-                                   : static_cast<std::uint32_t>(LoadLE(code + 1 + f.differenceBytes, f.deltaBytes));
-    return step;
 }
 
 bool DecodeRepeatHeader(const unsigned char* code, std::uint64_t available, RepeatHeader* header) {

@@ -8,7 +8,10 @@
 #ifndef TARVEL_STORE_TIME_DELTA_CODE_H
 #define TARVEL_STORE_TIME_DELTA_CODE_H
 
+#include <array>
 #include <cstdint>
+
+#include "store/little_endian.h"
 
 #include "tarvel/config.h"
 
@@ -38,10 +41,81 @@ unsigned EncodeStepUnscaled(unsigned char* out, const TimeDelta& step);
 // Codes the header of a repeat code for a pattern of `length` steps (1-4) played `count` times.
 unsigned EncodeRepeatHeader(unsigned char* out, unsigned length, std::uint64_t count);
 
+namespace StepCode {
+
+// How one single-step opcode carries its difference and delta.
+struct StepForm {
+    std::uint8_t differenceBytes;  // operand bytes of the difference (mantissa for scaled codes)
+    std::uint8_t differenceConst;  // the difference when it has no operand
+    std::uint8_t deltaBytes;       // operand bytes of the delta
+    std::uint8_t deltaConst;       // the delta when it has no operand
+    std::uint32_t scale;           // multiplier of the difference operand
+};
+
+inline constexpr std::uint32_t kScales[7] = {2, 10, 100, 1000, 10000, 100000, 1000000};
+// Difference operand widths of the unscaled codes 63-90, in opcode order.
+inline constexpr std::uint8_t kUnscaledWidths[7] = {1, 2, 3, 4, 5, 6, 8};
+
+// The delta form of the low two bits of a form index: 0 = 2-byte operand, 1 = 1-byte operand,
+// 2 = the constant 1, 3 = the constant 0 (scaled codes); unscaled codes 63-90 use the order
+// 0, 1, 1-byte, 2-byte instead.
+constexpr StepForm ScaledForm(unsigned opcode) {
+    const unsigned r = opcode % 8;
+    const std::uint8_t mantissa = r < 4 ? 1 : 2;
+    const unsigned d = r % 4;
+    return StepForm{mantissa, 0, static_cast<std::uint8_t>(d == 0 ? 2 : d == 1 ? 1 : 0),
+                    static_cast<std::uint8_t>(d == 2 ? 1 : 0), kScales[opcode / 8]};
+}
+
+constexpr StepForm UnscaledForm(unsigned opcode) {
+    switch (opcode) {
+        case 56: return {0, 0, 0, 0, 1};
+        case 57: return {0, 1, 0, 0, 1};
+        case 58: return {0, 0, 0, 1, 1};
+        case 59: return {0, 0, 1, 0, 1};
+        case 60: return {0, 1, 0, 1, 1};
+        case 61: return {0, 1, 1, 0, 1};
+        case 62: return {0, 1, 2, 0, 1};
+        case 91: return {0, 0, 1, 0, 1};
+        case 92: return {0, 0, 2, 0, 1};
+        default: break;
+    }
+    const unsigned i = opcode - 63;
+    const unsigned d = i % 4;
+    return StepForm{kUnscaledWidths[i / 4], 0, static_cast<std::uint8_t>(d < 2 ? 0 : d - 1),
+                    static_cast<std::uint8_t>(d == 1 ? 1 : 0), 1};
+}
+
+constexpr std::array<StepForm, 93> MakeForms() {
+    std::array<StepForm, 93> forms{};
+    for (unsigned op = 0; op < 93; ++op) forms[op] = op < 56 ? ScaledForm(op) : UnscaledForm(op);
+    return forms;
+}
+
+inline constexpr std::array<StepForm, 93> kForms = MakeForms();
+
+}  // namespace StepCode
+
 // Length of the single-step code starting with `opcode` (<= 92), operands included.
-unsigned StepCodeLength(unsigned char opcode);
-// Decodes the single-step code at `code` (whose length the caller has checked).
-TimeDelta DecodeStep(const unsigned char* code);
+inline unsigned StepCodeLength(unsigned char opcode) {
+    const StepCode::StepForm& f = StepCode::kForms[opcode];
+    return 1u + f.differenceBytes + f.deltaBytes;
+}
+
+// Decodes the single-step code at `code`, whose length the caller has checked.
+// REQUIRES: 16 bytes readable at `code` (the stream's spans guarantee it).
+inline TimeDelta DecodeStep(const unsigned char* code) {
+    const StepCode::StepForm& f = StepCode::kForms[code[0]];
+    TimeDelta step;
+    step.difference = f.differenceBytes == 0
+                          ? int64{f.differenceConst}
+                          : static_cast<int64>(LittleEndian::LoadPart(code + 1, f.differenceBytes) * f.scale);
+    const unsigned char* delta = code + 1 + f.differenceBytes;
+    step.delta = f.deltaBytes == 0   ? f.deltaConst
+                 : f.deltaBytes == 1 ? delta[0]
+                                     : LittleEndian::Load<std::uint16_t>(delta);
+    return step;
+}
 
 // A decoded repeat-code header.
 struct RepeatHeader {

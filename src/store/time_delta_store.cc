@@ -108,16 +108,6 @@ void KTimeDeltaStore::AppendRepeat(const TimeDelta* pattern, unsigned length, st
     m_bytes.Append(code, n);
 }
 
-StepResult KTimeDeltaStore::Next(TimeCursor* cursor, TimeDelta* step) const {
-    if (cursor->runLeft > 0) {
-        *step = cursor->pattern[cursor->next];
-        cursor->next = static_cast<std::uint8_t>(cursor->next + 1 == cursor->length ? 0 : cursor->next + 1);
-        --cursor->runLeft;
-        return StepResult::kStep;
-    }
-    return ReadCode(cursor, step);
-}
-
 // Reads the pattern of a repeat code whose header ends at `position`; false when invalid.
 static bool ReadPattern(const TimeDeltaBytes& bytes, std::uint64_t* position, unsigned length, TimeDelta* pattern) {
     unsigned char scratch[TimeDeltaBytes::kSpanBytes];

@@ -70,7 +70,27 @@ public:
     std::uint64_t MemoryBytes() const;
 
     // Walking. Next() delivers the next step (kEnd at the end code or the end of the bytes).
-    StepResult Next(TimeCursor* cursor, TimeDelta* step) const;
+    StepResult Next(TimeCursor* cursor, TimeDelta* step) const {
+        if (cursor->runLeft > 0) {
+            *step = cursor->pattern[cursor->next];
+            cursor->next = static_cast<std::uint8_t>(cursor->next + 1 == cursor->length ? 0 : cursor->next + 1);
+            --cursor->runLeft;
+            return StepResult::kStep;
+        }
+        const std::uint64_t position = cursor->position;
+        if (position < m_bytes.size()) {
+            const unsigned char* code = m_bytes.Direct(position);
+            if (code && code[0] < kFirstRepeatCode) {
+                const unsigned n = StepCodeLength(code[0]);
+                if (position + n <= m_bytes.size()) {
+                    *step = DecodeStep(code);
+                    cursor->position = position + n;
+                    return StepResult::kStep;
+                }
+            }
+        }
+        return ReadCode(cursor, step);
+    }
     // Emits the stream's codes in order (single steps and repeats), stopping at the end code.
     bool Emit(ITimeDeltaWriter* writer) const;
 

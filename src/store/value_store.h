@@ -183,9 +183,13 @@ public:
     bool ReadValue(int index, unsigned char* buffer, unsigned size, PackCursor* cursor) const override {
         Word word;
         if (!m_store.Read(index, &word, cursor)) return false;
+        if (size >= sizeof(Word)) {
+            PackBytes::Store<Word>(buffer, word);
+            return true;
+        }
         unsigned char bytes[sizeof(Word)];
         PackBytes::Store<Word>(bytes, word);
-        for (unsigned i = 0; i < size && i < sizeof(Word); ++i) buffer[i] = bytes[i];
+        for (unsigned i = 0; i < size; ++i) buffer[i] = bytes[i];
         return true;
     }
     bool WriteValues(IValueWriter* writer) const override { return m_store.Write(writer); }

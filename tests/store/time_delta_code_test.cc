@@ -2,6 +2,8 @@
 // table's meaning, and a repeat code straddling a chunk boundary.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <initializer_list>
 #include <random>
 
 #include "store/time_delta_store.h"
@@ -19,22 +21,25 @@ std::vector<TimeDelta> Walk(const KTimeDeltaStore& store, StepResult* last = nul
     return steps;
 }
 
+// Decodes one code given as bytes (padded as the stream's spans are).
+TimeDelta Decode(std::initializer_list<unsigned char> bytes) {
+    unsigned char code[16] = {};
+    std::copy(bytes.begin(), bytes.end(), code);
+    EXPECT_EQ(StepCodeLength(code[0]), bytes.size());
+    return DecodeStep(code);
+}
+
 TEST(TimeDeltaCode, FixedBytesDecodeAsTabled) {
-    const unsigned char oneByte[] = {63, 7};
-    EXPECT_EQ(StepCodeLength(63), 2u);
-    EXPECT_EQ(DecodeStep(oneByte), (TimeDelta{7, 0}));
-    const unsigned char scaledThousand[] = {27, 5};  // group 3 (x1000), 1-byte mantissa, delta 0
-    EXPECT_EQ(DecodeStep(scaledThousand), (TimeDelta{5000, 0}));
-    const unsigned char scaledTwo[] = {3, 5};  // group 0 scales by 2, not by 1
-    EXPECT_EQ(DecodeStep(scaledTwo), (TimeDelta{10, 0}));
-    const unsigned char a[] = {59, 9}, b[] = {91, 9};
-    EXPECT_EQ(DecodeStep(a), DecodeStep(b));
-    EXPECT_EQ(DecodeStep(a), (TimeDelta{0, 9}));
-    const unsigned char wide[] = {90, 1, 2, 3, 4, 5, 6, 7, 8, 0x34, 0x12};  // 8-byte difference, 2-byte delta
-    EXPECT_EQ(StepCodeLength(90), 11u);
-    EXPECT_EQ(DecodeStep(wide), (TimeDelta{0x0807060504030201, 0x1234}));
-    const unsigned char fiveBytes[] = {79, 1, 0, 0, 0, 0x80};  // bits 32-39 in the fifth byte
-    EXPECT_EQ(DecodeStep(fiveBytes).difference, 0x8000000001);
+    EXPECT_EQ(Decode({63, 7}), (TimeDelta{7, 0}));
+    EXPECT_EQ(Decode({27, 5}), (TimeDelta{5000, 0}));  // group 3 (x1000), 1-byte mantissa, delta 0
+    EXPECT_EQ(Decode({3, 5}), (TimeDelta{10, 0}));     // group 0 scales by 2, not by 1
+    EXPECT_EQ(Decode({59, 9}), Decode({91, 9}));
+    EXPECT_EQ(Decode({59, 9}), (TimeDelta{0, 9}));
+    EXPECT_EQ(Decode({90, 1, 2, 3, 4, 5, 6, 7, 8, 0x34, 0x12}), (TimeDelta{0x0807060504030201, 0x1234}));
+    EXPECT_EQ(Decode({79, 1, 0, 0, 0, 0x80}).difference, 0x8000000001);  // bits 32-39 in the fifth byte
+    EXPECT_EQ(Decode({12, 0x10, 0x27, 5, 0}), (TimeDelta{100000, 5}));  // x10, 2-byte mantissa, 2-byte delta
+    EXPECT_EQ(Decode({50, 7}), (TimeDelta{7000000, 1}));                 // x10^6, 1-byte mantissa, delta 1
+    EXPECT_EQ(Decode({55, 7, 1}), (TimeDelta{263000000, 0}));            // x10^6, 2-byte mantissa, delta 0
     RepeatHeader h;
     const unsigned char unused[] = {101, 133, 165, 1};
     ASSERT_TRUE(DecodeRepeatHeader(unused, 4, &h));
