@@ -1,0 +1,325 @@
+// Field forms and line kinds of the waveform file. Writer layer (file format). Single-threaded:
+// one line writer per writer.
+#include "writer/line_writer.h"
+
+#include <charconv>
+#include <cstdlib>
+#include <limits>
+
+#include "writer/file_format.h"
+
+namespace Tarvel {
+namespace {
+
+// Room for any 64-bit number, a sign and a suffix.
+constexpr std::size_t kNumberRoom = 24;
+
+struct Formatted {
+    char text[kNumberRoom];
+    std::size_t length;
+    std::string_view View() const { return {text, length}; }
+};
+
+template <class Integer>
+Formatted FormatNumber(Integer value) {
+    Formatted out;
+    const char* end = std::to_chars(out.text, out.text + kNumberRoom, value).ptr;
+    out.length = static_cast<std::size_t>(end - out.text);
+    return out;
+}
+
+// The event-time form: "0", the quotient by 1000 followed by 'k', or the number in full.
+Formatted FormatEventTime(std::int64_t time) {
+    if (time == 0 || time % Format::kThousand != 0) return FormatNumber(time);
+    Formatted out = FormatNumber(time / Format::kThousand);
+    out.text[out.length++] = Format::kThousandsSuffix;
+    return out;
+}
+
+std::size_t DigitCount(std::size_t value) {
+    std::size_t digits = 1;
+    for (; value >= 10; value /= 10) ++digits;
+    return digits;
+}
+
+std::size_t CommonPrefix(std::string_view a, std::string_view b) {
+    const std::size_t limit = a.size() < b.size() ? a.size() : b.size();
+    std::size_t length = 0;
+    while (length < limit && a[length] == b[length]) ++length;
+    return length;
+}
+
+std::size_t CommonSuffix(std::string_view a, std::string_view b) {
+    const std::size_t limit = a.size() < b.size() ? a.size() : b.size();
+    std::size_t length = 0;
+    while (length < limit && a[a.size() - 1 - length] == b[b.size() - 1 - length]) ++length;
+    return length;
+}
+
+// Length of the run of evenly spaced values starting at values[0] (at least 1), and its step.
+// Only steps that fit a plain integer and are not 0 make runs.
+std::size_t RunLength(const std::int32_t* values, std::size_t count, std::int64_t* step) {
+    if (count < 2) return count;
+    *step = std::int64_t{values[1]} - values[0];
+    if (*step == 0 || std::llabs(*step) > std::numeric_limits<std::int32_t>::max()) return 1;
+    std::size_t length = 2;
+    while (length < count && std::int64_t{values[length]} - values[length - 1] == *step) ++length;
+    return length;
+}
+
+// Runs shorter than this are written value by value: "a-b" saves nothing over "a b".
+constexpr std::size_t kShortestRange = 3;
+
+}  // namespace
+
+KLineWriter::KLineWriter(KOutputStream& stream, IErrorReport& reporter, bool timed) noexcept
+    : stream_(stream), reporter_(reporter), timed_(timed) {}
+
+// ---- Fields ------------------------------------------------------------------------------------
+
+bool KLineWriter::EndLine() { return stream_.Write(Format::kLineEnd); }
+
+bool KLineWriter::PutInteger(std::int32_t value) { return stream_.Write(FormatNumber(value).View()); }
+
+bool KLineWriter::PutWide(std::int64_t value) { return stream_.Write(FormatNumber(value).View()); }
+
+bool KLineWriter::PutRelative(std::int32_t value) {
+    const Formatted full = FormatNumber(value);
+    // Whenever the difference is the shorter form it fits 32 bits; it is computed in 64.
+    const Formatted difference = FormatNumber(std::int64_t{value} - previousRelative_);
+    previousRelative_ = value;
+    if (full.length > difference.length) {
+        return stream_.Put(Format::kRelativePrefix) && stream_.Write(difference.View());
+    }
+    return stream_.Write(full.View());
+}
+
+bool KLineWriter::PutEventTime(std::int64_t time) { return stream_.Write(FormatEventTime(time).View()); }
+
+bool KLineWriter::PutString(std::string_view text) {
+    if (Format::IsBareIdentifier(text)) return stream_.Write(text);
+    if (!stream_.Put(Format::kQuote)) return false;
+    std::size_t start = 0;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        if (!Format::NeedsEscape(text[at])) continue;
+        if (!stream_.Write(text.substr(start, at - start)) || !stream_.Put(Format::kEscape)) return false;
+        start = at;  // the escaped character goes out with the next span
+    }
+    return stream_.Write(text.substr(start)) && stream_.Put(Format::kQuote);
+}
+
+bool KLineWriter::PutName(std::string_view name) {
+    const std::string_view previous(previousName_);
+    std::size_t front = CommonPrefix(name, previous);
+    std::size_t back = CommonSuffix(name, previous);
+    if (front + back > name.size()) {
+        if (back <= front) {
+            back = 0;
+        } else {
+            front = 0;
+        }
+    }
+    const std::string_view middle = name.substr(front, name.size() - front - back);
+    const bool compress = DigitCount(front) + DigitCount(back) + middle.size() + 2 < name.size();
+    const Formatted keepFront = FormatNumber(front);
+    const Formatted keepBack = FormatNumber(back);
+    previousName_.assign(name);  // `middle` views the caller's text, not this copy
+    if (!compress) return PutString(name);
+    return stream_.Write(keepFront.View()) && PutSpace() && stream_.Write(keepBack.View()) &&
+           PutSpace() && PutString(middle);
+}
+
+bool KLineWriter::PutItem(std::int32_t first, std::int64_t last, std::int64_t step) {
+    if (!PutSpace() || !PutRelative(first)) return false;
+    if (last == first) return true;
+    // A range repeats no value; a step of 0 would, and a reader refuses it.
+    if (step == 0) return reporter_.Error(Format::kMessageDoubleIndex);
+    if (!stream_.Put(Format::kRangeSeparator) || !PutRelative(static_cast<std::int32_t>(last))) return false;
+    if (step == 1 || step == -1) return true;
+    return stream_.Put(Format::kStepSeparator) && PutInteger(static_cast<std::int32_t>(std::llabs(step)));
+}
+
+bool KLineWriter::PutIndexList(const std::int32_t* values, std::size_t count) {
+    std::size_t at = 0;
+    while (at < count) {
+        std::int64_t step = 0;
+        const std::size_t run = RunLength(values + at, count - at, &step);
+        if (run >= kShortestRange) {
+            if (!PutItem(values[at], values[at + run - 1], step)) return false;
+            at += run;
+        } else {
+            if (!PutItem(values[at], values[at], 0)) return false;
+            ++at;
+        }
+    }
+    return true;
+}
+
+bool KLineWriter::PutFullTimePoint(std::int64_t step, int delta) {
+    if (delta == 0) {
+        return stream_.Put(Format::kPointDeltaZero) && PutSpace() && PutEventTime(step);
+    }
+    return stream_.Put(Format::kPointWithDelta) && PutSpace() && PutEventTime(step) && PutSpace() &&
+           PutInteger(delta);
+}
+
+bool KLineWriter::PutTimePoint(std::int64_t step, int delta) {
+    // Length of the point in full: "T " or "D ", the step, and " delta" for a delta.
+    std::size_t fullLength = 2 + FormatEventTime(step).length;
+    if (delta != 0) fullLength += 1 + FormatNumber(delta).length;
+    const KTimePointDictionary::Use use = dictionary_.Lookup(step, delta, fullLength);
+    if (use.slot < 0) return PutFullTimePoint(step, delta);
+    if (!use.taken) return stream_.Put(Format::kPointKnown) && PutInteger(use.slot);
+    return stream_.Put(Format::kPointTaken) && PutInteger(use.slot) && PutSpace() &&
+           PutFullTimePoint(step, delta);
+}
+
+// ---- Header and declarations -----------------------------------------------------------------
+
+bool KLineWriter::PutKeyword(std::string_view word) {
+    return stream_.Put(Format::kKeywordLead) && stream_.Write(word);
+}
+
+bool KLineWriter::WriteKeywordLine(std::string_view word) { return PutKeyword(word) && EndLine(); }
+
+bool KLineWriter::WriteHeader() {
+    return stream_.Write(timed_ ? Format::kHeaderTimed : Format::kHeaderUntimed) && EndLine();
+}
+
+bool KLineWriter::WriteResolution(std::int64_t resolution) {
+    if (resolutionWritten_) return resolution == resolution_;
+    resolutionWritten_ = true;
+    resolution_ = resolution;
+    return PutKeyword(Format::kResolution) && PutSpace() && PutWide(resolution) && EndLine();
+}
+
+bool KLineWriter::WriteTypeLine(std::int32_t typeIndex, std::string_view typeInfo) {
+    return stream_.Put(Format::kTypeLead) && PutSpace() && PutInteger(typeIndex) && PutSpace() &&
+           PutString(typeInfo) && EndLine();
+}
+
+bool KLineWriter::PutDeclarationFields(const DeclarationFields& fields) {
+    if (!PutSpace() || !PutRelative(fields.handle)) return false;
+    if (!PutSpace() || !PutInteger(fields.typeIndex)) return false;
+    if (fields.hasExtra && !(PutSpace() && PutInteger(fields.extra))) return false;
+    if (!PutSpace() || !PutName(fields.name)) return false;
+    if (!fields.shortForm) {
+        if (!PutSpace() || !PutInteger(fields.trailing[0]) || !PutSpace() || !PutInteger(fields.trailing[1])) {
+            return false;
+        }
+        const bool writeTime = !timed_ && fields.time != lastDeclarationTime_;
+        lastDeclarationTime_ = fields.time;
+        if (writeTime && !(PutSpace() && PutWide(fields.time))) return false;
+    }
+    return EndLine();
+}
+
+bool KLineWriter::WriteSignalDeclaration(const DeclarationFields& fields) {
+    const std::string_view word = Format::ModeWordFor(fields.mode, false);
+    if (word.empty()) return reporter_.Error(Format::kMessageUnknownMode, fields.mode);
+    return PutKeyword(word) && PutDeclarationFields(fields);
+}
+
+bool KLineWriter::WriteBusDeclaration(const DeclarationFields& fields) {
+    const std::string_view word = Format::ModeWordFor(fields.mode, true);
+    if (word.empty()) return reporter_.Error(Format::kMessageUnknownMode, fields.mode);
+    hasLastBus_ = true;
+    lastBus_ = fields.handle;
+    return PutKeyword(Format::kBus) && PutSpace() && stream_.Write(word) && PutDeclarationFields(fields);
+}
+
+bool KLineWriter::WriteScalarElement(std::int32_t handle, std::int32_t value) {
+    return stream_.Put(Format::kScalarElementLead) && PutSpace() && PutRelative(handle) && PutSpace() &&
+           PutInteger(value) && EndLine();
+}
+
+bool KLineWriter::WriteElementList(std::int32_t bus, const std::int32_t* handles, std::size_t count) {
+    if (hasLastBus_ && bus == lastBus_) {
+        return PutKeyword(Format::kElementList) && PutIndexList(handles, count) && EndLine();
+    }
+    return PutKeyword(Format::kElementListOfBus) && PutSpace() && PutRelative(bus) &&
+           PutIndexList(handles, count) && EndLine();
+}
+
+bool KLineWriter::WriteElementEnd(std::int32_t handle, std::int64_t time) {
+    return PutKeyword(Format::kElementEnd) && PutSpace() && PutInteger(handle) && PutSpace() &&
+           PutWide(time) && EndLine();
+}
+
+bool KLineWriter::WriteChild(std::int32_t first, std::int32_t second, std::int32_t third) {
+    return PutKeyword(Format::kChild) && PutSpace() && PutRelative(first) && PutSpace() &&
+           PutRelative(second) && PutSpace() && PutRelative(third) && EndLine();
+}
+
+bool KLineWriter::WriteProperty(std::int64_t time, const std::int32_t* handles, std::size_t count,
+                                std::string_view name, std::string_view value) {
+    return stream_.Put(Format::kPropertyLead) && PutSpace() && PutWide(time) &&
+           PutIndexList(handles, count) && PutSpace() && PutString(name) && PutSpace() &&
+           PutString(value) && EndLine();
+}
+
+bool KLineWriter::WriteSourceFile(std::int32_t fileNumber, std::string_view fileName) {
+    return PutKeyword(Format::kSourceFile) && PutSpace() && PutInteger(fileNumber) && PutSpace() &&
+           PutString(fileName) && EndLine();
+}
+
+bool KLineWriter::WriteSourceLine(std::int32_t source, std::int32_t fileNumber, std::int32_t line) {
+    return PutKeyword(Format::kSourceLine) && PutSpace() && PutInteger(source) && PutSpace() &&
+           PutInteger(fileNumber) && PutSpace() && PutInteger(line) && EndLine();
+}
+
+// ---- Event blocks ------------------------------------------------------------------------------
+
+bool KLineWriter::WriteWavesLine(const std::int32_t* handles, std::size_t count) {
+    return PutKeyword(Format::kWaves) && PutIndexList(handles, count) && EndLine();
+}
+
+bool KLineWriter::WriteValuesLine() { return WriteKeywordLine(Format::kValues); }
+
+bool KLineWriter::WriteSourcesLine() { return WriteKeywordLine(Format::kSources); }
+
+bool KLineWriter::WriteEndLine() { return WriteKeywordLine(Format::kEnd); }
+
+bool KLineWriter::WriteTimePointLine(std::int64_t step, int delta) {
+    return PutTimePoint(step, delta) && EndLine();
+}
+
+bool KLineWriter::BeginRun(int length, std::int64_t count) {
+    return stream_.Put(Format::kRunLead) && PutSpace() && PutInteger(length) && PutSpace() && PutWide(count);
+}
+
+bool KLineWriter::WriteTimeRun(int length, std::int64_t count, const TimeStep* steps) {
+    if (!BeginRun(length, count)) return false;
+    for (int at = 0; at < length; ++at) {
+        if (!PutSpace() || !PutTimePoint(steps[at].first, steps[at].second)) return false;
+    }
+    return EndLine();
+}
+
+bool KLineWriter::WriteCountLine(std::int32_t count) {
+    return stream_.Put(Format::kCountLead) && PutSpace() && PutInteger(count) && EndLine();
+}
+
+bool KLineWriter::WriteSourceItemLine(std::int32_t source) { return PutInteger(source) && EndLine(); }
+
+bool KLineWriter::WriteSourceRun(int length, std::int64_t count, const std::int32_t* sources) {
+    if (!BeginRun(length, count)) return false;
+    for (int at = 0; at < length; ++at) {
+        if (!PutSpace() || !PutInteger(sources[at])) return false;
+    }
+    return EndLine();
+}
+
+// ---- End of a commit ---------------------------------------------------------------------------
+
+bool KLineWriter::WriteEndTime(std::int64_t time) {
+    lastEndTime_ = time;
+    return PutKeyword(Format::kEndTime) && PutSpace() && PutWide(time) && EndLine();
+}
+
+bool KLineWriter::Commit(std::int64_t currentTime, FlushCallback flush) {
+    if (timed_ && currentTime != lastEndTime_ && !WriteEndTime(currentTime)) return false;
+    return stream_.Commit(flush);
+}
+
+}  // namespace Tarvel

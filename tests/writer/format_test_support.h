@@ -1,0 +1,140 @@
+// Helpers of the format-writer tests: a reporter that behaves like the writer's, a scratch file,
+// golden files with a switch to regenerate them, and file operations that fail on demand.
+// Test support for the writer layer; single-threaded (the file hooks are process-wide).
+#ifndef TARVEL_TESTS_WRITER_FORMAT_TEST_SUPPORT_H
+#define TARVEL_TESTS_WRITER_FORMAT_TEST_SUPPORT_H
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cstdarg>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "foundation/platform_file.h"
+#include "writer/line_writer.h"
+
+namespace Tarvel::Testing {
+
+// Like the writer's reporter: the first failure closes the stream and is `logged`; every
+// message is kept.
+struct TestReporter final : IErrorReport {
+    KOutputStream* stream = nullptr;
+    std::vector<std::string> messages;
+    std::string logged;
+    bool Error(const char* format, ...) override {
+        char text[512];
+        va_list arguments;
+        va_start(arguments, format);
+        std::vsnprintf(text, sizeof text, format, arguments);
+        va_end(arguments);
+        messages.emplace_back(text);
+        if (stream != nullptr && stream->IsOpen() && (stream->Close(), logged.empty())) logged = text;
+        return false;
+    }
+};
+
+inline std::string ReadBytes(const std::string& path) {
+    std::ostringstream out;
+    out << std::ifstream(path, std::ios::binary).rdbuf();
+    return out.str();
+}
+
+// A scratch folder, removed with its content at the end of the test.
+struct ScratchFolder {
+    std::string path = (std::filesystem::temp_directory_path() / "tarvel-writer-XXXXXX").string();
+    ScratchFolder() { mkdtemp(path.data()); }
+    ~ScratchFolder() { std::filesystem::remove_all(path); }
+    std::string File(const std::string& name) const { return path + "/" + name; }
+};
+
+// Compares `bytes` with tests/writer/golden/<name> (CR shown as \r in a failure); with
+// TARVEL_REGENERATE_GOLDEN=1 rewrites the golden file instead.
+inline void ExpectGolden(const std::string& name, const std::string& bytes) {
+    const std::string path = std::string(std::getenv("TARVEL_TEST_DATA")) + "/writer/golden/" + name;
+    if (const char* regenerate = std::getenv("TARVEL_REGENERATE_GOLDEN"); regenerate && regenerate == std::string("1")) {
+        std::ofstream(path, std::ios::binary) << bytes;
+        return;
+    }
+    auto visible = [](std::string text) {
+        for (std::size_t at = 0; (at = text.find('\r', at)) != std::string::npos;) text.replace(at, 1, "\\r");
+        return text;
+    };
+    EXPECT_EQ(visible(ReadBytes(path)), visible(bytes)) << "golden file " << path;
+}
+
+// A scratch file written through a stream and a line writer; Finish closes it and gives its bytes.
+class WrittenFile {
+public:
+    explicit WrittenFile(bool timed = false) : lines_(stream_, reporter_, timed) {
+        reporter_.stream = &stream_;
+        stream_.Open(Path().c_str());
+    }
+    KOutputStream& Stream() { return stream_; }
+    KLineWriter& Lines() { return lines_; }
+    TestReporter& Reporter() { return reporter_; }
+    std::string Path() const { return folder_.File("out.wav"); }
+    std::string Bytes() const { return ReadBytes(Path()); }
+    std::string Finish() {
+        stream_.Close();
+        return Bytes();
+    }
+    bool Commit(std::int64_t time = 0) {
+        return lines_.Commit(time, {[](void* s) { return static_cast<KOutputStream*>(s)->Flush(); }, &stream_});
+    }
+
+private:
+    ScratchFolder folder_;
+    TestReporter reporter_;
+    KOutputStream stream_{reporter_};
+    KLineWriter lines_;
+};
+
+// The bytes `write` produces on a fresh untimed file (no header).
+inline std::string Written(const std::function<void(KLineWriter&)>& write) {
+    WrittenFile file;
+    write(file.Lines());
+    return file.Finish();
+}
+
+// File operations that fail on demand while the object lives: each count is the number of calls
+// that still succeed (-1: all); `remote` makes every file a network file. `writes` counts writes.
+struct FailingFiles {
+    struct Budget {
+        int write = -1, flush = -1, seek = -1, tell = -1, commit = -1;
+        bool remote = false;
+        int writes = 0;
+    };
+    static Budget& Left() {
+        static Budget budget;
+        return budget;
+    }
+    static bool Spend(int& left) { return left < 0 || (left > 0 && left--); }
+
+    explicit FailingFiles(Budget budget) {
+        Left() = budget;
+        static const Platform::FileHooks hooks{
+            nullptr,
+            [](const char*) { return Left().remote; },
+            [](const void* data, std::size_t size, std::FILE* file) -> std::size_t {
+                ++Left().writes;
+                return Spend(Left().write) ? std::fwrite(data, 1, size, file) : size / 2;
+            },
+            [](std::FILE* file) { return Spend(Left().flush) && std::fflush(file) == 0; },
+            [](std::FILE* file) -> std::int64_t { return Spend(Left().tell) ? std::ftell(file) : -1; },
+            [](std::FILE* file, std::int64_t at) { return Spend(Left().seek) && std::fseek(file, at, SEEK_SET) == 0; },
+            nullptr,
+            [](std::FILE*) { return Spend(Left().commit); },
+        };
+        Platform::SetFileHooks(&hooks);
+    }
+    ~FailingFiles() { Platform::SetFileHooks(nullptr); }
+};
+
+}  // namespace Tarvel::Testing
+
+#endif  // TARVEL_TESTS_WRITER_FORMAT_TEST_SUPPORT_H

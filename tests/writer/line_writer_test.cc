@@ -1,0 +1,232 @@
+// Field forms and line kinds of the waveform file: golden files per group of lines, the edge
+// cases of the field forms, and seeded round trips through small reference decoders.
+// Writer layer tests; single-threaded.
+#include <cctype>
+#include <random>
+
+#include "format_test_support.h"
+#include "writer/file_format.h"
+
+namespace Tarvel::Testing {
+namespace {
+
+TEST(LineWriterGolden, DeclarationsOfAnUntimedFile) {
+    WrittenFile file(false);
+    KLineWriter& w = file.Lines();
+    w.WriteHeader();
+    EXPECT_TRUE(w.WriteResolution(1000000));
+    EXPECT_TRUE(w.WriteResolution(1000000));  // same value: succeeds, writes nothing
+    EXPECT_FALSE(w.WriteResolution(10));      // another value: fails, writes nothing
+    w.WriteTypeLine(1, Format::kStdLogicTypeEnum);
+    w.WriteTypeLine(2, "r#odd \"quote\" \\ here");
+    w.WriteBusDeclaration({Format::kModeIn, 1000, 1, true, 8, "top.cpu.alu.result", false, {0, 7}, 0});
+    w.WriteSignalDeclaration({Format::kModeSignal, 1001, 1, false, 0, "top.cpu.alu.carry", false, {1, 2}, 0});
+    w.WriteSignalDeclaration({Format::kModeOut, 1002, 1, false, 0, "top.cpu.alu.carry", false, {1, 2}, 100});
+    w.WriteSignalDeclaration({Format::kModeVariable, 5, 2, false, 0, "top.cpu.regs.r0", false, {0, 0}, 100});
+    w.WriteSignalDeclaration({Format::kModeNone, 6, 2, false, 0, "x", true, {0, 0}, 500});
+    w.WriteScalarElement(1003, 4);
+    const std::int32_t elements[] = {1003, 1004, 1005, 1006, 1010};
+    w.WriteElementList(1000, elements, 5);  // the bus declared last: "$SC"
+    w.WriteElementEnd(1010, 200);
+    w.WriteElementList(7, elements, 2);
+    w.ForgetLastBus();
+    w.WriteElementList(1000, elements + 3, 2);
+    w.WriteChild(1000, 1001, 1002);
+    const std::int32_t handles[] = {2, 4, 6, 8, 9};
+    w.WriteProperty(0, handles, 5, "Comment", "two words");
+    w.WriteProperty(250, handles + 4, 1, "Hidden", "");
+    w.WriteSourceFile(1, "C:\\work\\top.vhd");
+    w.WriteSourceLine(1, 1, 42);
+    EXPECT_TRUE(file.Reporter().messages.empty());
+    ExpectGolden("declarations_untimed.txt", file.Finish());
+}
+
+TEST(LineWriterGolden, DeclarationsOfATimedFileCarryNoTime) {
+    WrittenFile file(true);
+    KLineWriter& w = file.Lines();
+    w.WriteHeader();
+    w.WriteBusDeclaration({Format::kModeVirtualBus, 3, 1, true, 2, "vbus", false, {0, 1}, 700});
+    w.WriteSignalDeclaration({Format::kModeInOut, 4, 1, false, 0, "vbus_a", false, {0, 0}, 900});
+    EXPECT_TRUE(file.Commit(0));  // time is still the last end time (0): no end-time line
+    file.Reporter().stream = nullptr;  // keep the file open through the refusals
+    EXPECT_FALSE(w.WriteSignalDeclaration({Format::kModeVirtualBus, 1, 1, false, 0, "a", true, {}, 0}));
+    EXPECT_FALSE(w.WriteBusDeclaration({8, 1, 1, false, 0, "a", true, {}, 0}));
+    EXPECT_EQ(file.Reporter().messages, (std::vector<std::string>{"Unknown mode -1", "Unknown mode 8"}));
+    ExpectGolden("declarations_timed.txt", file.Finish());
+}
+
+TEST(LineWriterGolden, EventBlockEndTimeAndTerminator) {
+    WrittenFile file(true);
+    KLineWriter& w = file.Lines();
+    w.WriteHeader();
+    const std::int32_t handles[] = {1, 2, 3, 7};
+    w.WriteWavesLine(handles, 4);
+    w.WriteTimePointLine(0, 0);
+    w.WriteTimePointLine(5000, 0);                  // first use: in full
+    const TimeStep pattern[] = {{5000, 0}, {5000, 1}};
+    w.WriteTimeRun(2, 100, pattern);                // second use of T 5k: taken into slot 0
+    w.WriteTimePointLine(5000, 1);                  // taken into slot 1
+    w.WriteTimePointLine(5000, 0);                  // known: *0
+    w.WriteTimePointLine(1500, 3);
+    w.WriteTimePointLine(3000000000, 0);
+    w.WriteTimePointLine(3000000000, 0);            // wide table, slot 2
+    w.WriteValuesLine();
+    w.WriteCountLine(3);
+    w.BeginRun(2, 50) && w.PutSpace() && w.PutChar('0') && w.PutSpace() && w.PutString("HIGH") && w.EndLine();
+    w.WriteSourcesLine();
+    w.WriteSourceItemLine(1);
+    const std::int32_t sources[] = {2};
+    w.WriteSourceRun(1, 4, sources);
+    w.WriteEndLine();
+    EXPECT_TRUE(file.Commit(750000));
+    ExpectGolden("event_block.txt", file.Finish());
+}
+
+// Writes `write(value)` and a space for each value.
+template <class T>
+std::string Spaced(std::initializer_list<T> values, void (*write)(KLineWriter&, T)) {
+    return Written([&](KLineWriter& w) {
+        for (T value : values) write(w, value), w.PutSpace();
+    });
+}
+
+TEST(LineWriterFields, EdgeCases) {
+    EXPECT_EQ(Spaced<std::int64_t>({0, 1000, 1500, 2147483647, 1000 * (std::int64_t{1} << 32), -3000},
+                                   [](KLineWriter& w, std::int64_t t) { w.PutEventTime(t); }),
+              "0 1k 1500 2147483647 4294967296k -3k ");
+    EXPECT_EQ(Spaced<int>({5, 6, 7}, [](KLineWriter& w, int v) { w.PutRelative(v); }), "5 6 7 ");
+    EXPECT_EQ(Spaced<int>({1000, 1001, 998}, [](KLineWriter& w, int v) { w.PutRelative(v); }),
+              "1000 +1 +-3 ");
+    EXPECT_EQ(Spaced<const char*>({"_x1", "a b", "say \"hi\"", "back\\slash", "", "1x", "\xC3\xA9"},
+                                  [](KLineWriter& w, const char* s) { w.PutString(s); }),
+              "_x1 \"a b\" \"say \\\"hi\\\"\" \"back\\\\slash\" \"\" \"1x\" \"\xC3\xA9\" ");
+    EXPECT_EQ(Spaced<const char*>({"abcdef", "abcdef", "ab", "ab"},
+                                  [](KLineWriter& w, const char* s) { w.PutName(s); }),
+              "abcdef 6 0 \"\" ab ab ");
+    const std::int32_t list[] = {1000, 1001, 1002, 1003, 9, 7, 5, 3, 3, 3, 4, 5};
+    EXPECT_EQ(Written([&](KLineWriter& w) { w.PutIndexList(list, 12); }), " 1000-+3 9-3/2 3 3-5");
+}
+
+// ---- Round trips through reference decoders -------------------------------------------------
+
+// Whitespace-separated tokens; a quoted string is one token, unescaped, marked by a leading '"'.
+std::vector<std::string> Tokens(const std::string& text) {
+    std::vector<std::string> tokens;
+    for (std::size_t at = 0; at < text.size();) {
+        if (isspace(static_cast<unsigned char>(text[at]))) {
+            ++at;
+        } else if (text[at] == '"') {
+            tokens.emplace_back("\"");
+            for (++at; text[at] != '"'; ++at) tokens.back() += text[at] == '\\' ? text[++at] : text[at];
+            ++at;
+        } else {
+            const std::size_t end = text.find_first_of(" \r\n", at);
+            tokens.push_back(text.substr(at, end - at));
+            at = end;
+        }
+    }
+    return tokens;
+}
+
+class LineWriterRoundTrip : public ::testing::Test {
+protected:
+    const unsigned seed_ = std::random_device{}();
+    std::mt19937_64 random_{seed_};
+    ::testing::ScopedTrace trace_{__FILE__, __LINE__, "seed " + std::to_string(seed_)};
+};
+
+TEST_F(LineWriterRoundTrip, CompressedNames) {
+    const char* parts[] = {"top", ".", "cpu", "alu", "a", "_", "\"", "0", "r1", ""};
+    std::vector<std::string> names{""};
+    for (int i = 0; i < 2000; ++i) {
+        std::string name = random_() % 3 == 0 ? std::string() : names.back();
+        if (!name.empty() && random_() % 2) name.erase(random_() % name.size(), random_() % 4);
+        for (int p = random_() % 4; p > 0; --p) name.insert(random_() % (name.size() + 1), parts[random_() % 10]);
+        names.push_back(name);
+    }
+    const std::vector<std::string> tokens = Tokens(Written([&](KLineWriter& w) {
+        for (const std::string& name : names) w.PutName(name), w.EndLine();
+    }));
+    std::string previous;
+    std::size_t at = 0;
+    auto text = [&](std::size_t i) { return tokens[i][0] == '"' ? tokens[i].substr(1) : tokens[i]; };
+    for (const std::string& expected : names) {
+        if (isdigit(static_cast<unsigned char>(tokens[at][0]))) {  // keep-front keep-back middle
+            const std::size_t back = std::stoul(tokens[at + 1]);
+            previous = previous.substr(0, std::stoul(tokens[at])) + text(at + 2) +
+                       previous.substr(previous.size() - back);
+            at += 3;
+        } else {
+            previous = text(at++);
+        }
+        ASSERT_EQ(previous, expected);
+    }
+}
+
+TEST_F(LineWriterRoundTrip, IndexListsWithRangesAndSteps) {
+    for (int list = 0; list < 500; ++list) {
+        std::int64_t previous = 0;  // the reader's previous relative value
+        auto relative = [&](const std::string& t) {
+            return previous = t[0] == '+' ? previous + std::stoll(t.substr(1)) : std::stoll(t);
+        };
+        std::vector<std::int32_t> values;
+        std::int64_t value = static_cast<std::int32_t>(random_()) >> (random_() % 32);
+        for (int n = random_() % 40; n > 0; --n) {
+            const std::int64_t jumps[] = {1, -1, 0, static_cast<std::int64_t>(random_() % 7),
+                                          static_cast<std::int32_t>(random_())};
+            values.push_back(static_cast<std::int32_t>(value += jumps[random_() % 5]));
+            value = values.back();
+        }
+        std::vector<std::int32_t> decoded;
+        const std::string text = Written([&](KLineWriter& w) { w.PutIndexList(values.data(), values.size()); });
+        for (const std::string& token : Tokens(text)) {
+            std::size_t dash = 1;  // the range dash follows a digit
+            while (dash < token.size() && !(token[dash] == '-' && isdigit(token[dash - 1] & 0xFF))) ++dash;
+            const std::size_t slash = token.find('/');
+            const std::int64_t first = relative(token.substr(0, dash));
+            const std::int64_t last = dash == token.size() ? first : relative(token.substr(dash + 1, slash - dash - 1));
+            const std::int64_t step = slash == std::string::npos ? 1 : std::stoll(token.substr(slash + 1));
+            ASSERT_GE(step, 1);
+            for (std::int64_t v = first; first <= last ? v <= last : v >= last; v += first <= last ? step : -step) {
+                decoded.push_back(static_cast<std::int32_t>(v));
+            }
+        }
+        ASSERT_EQ(decoded, values) << "list " << list;
+    }
+}
+
+TEST_F(LineWriterRoundTrip, TimePointDictionary) {
+    std::vector<TimeStep> points;
+    for (int i = 0; i < 150000; ++i) {
+        const int kind = random_() % 4;  // frequent points, one-offs, wide steps, odd deltas
+        const std::uint64_t step = kind == 0 ? 1000 * (random_() % 8) : kind == 2 ? random_() >> 20 : random_() % 100000;
+        points.emplace_back(static_cast<std::int64_t>(step), static_cast<int>(random_() % (kind == 3 ? 5 : 2)));
+    }
+    std::istringstream lines(Written([&](KLineWriter& w) {
+        for (const TimeStep& point : points) w.WriteTimePointLine(point.first, point.second);
+    }));
+    std::vector<TimeStep> slots;  // the reader's flat slot array
+    for (std::string line; const TimeStep& expected : points) {
+        std::getline(lines, line);
+        std::vector<std::string> tokens = Tokens(line);
+        if (tokens[0][0] == '*') {
+            ASSERT_EQ(slots.at(std::stoul(tokens[0].substr(1))), expected);
+            continue;
+        }
+        const bool taken = tokens[0][0] == '=';
+        if (taken) {
+            ASSERT_EQ(std::stoul(tokens[0].substr(1)), slots.size()) << "slots are given in order";
+            tokens.erase(tokens.begin());
+        }
+        const std::int64_t step = tokens[1].back() == 'k' ? 1000 * std::stoll(tokens[1]) : std::stoll(tokens[1]);
+        const TimeStep decoded(step, tokens[0] == "T" ? 0 : std::stoi(tokens[2]));
+        ASSERT_EQ(decoded, expected);
+        ASSERT_EQ(tokens[0] == "T", expected.second == 0);
+        if (taken) slots.push_back(decoded);
+    }
+    EXPECT_GT(slots.size(), 100u);
+    EXPECT_LE(slots.size(), static_cast<std::size_t>(KTimePointDictionary::kSlotLimit));
+}
+
+}  // namespace
+}  // namespace Tarvel::Testing
