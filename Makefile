@@ -1,6 +1,7 @@
 # Newcomer entry points: `make demo` and `make test`. Build trees live under build/.
 JOBS ?= 2
 CYCLES ?= 1000000
+DEMO_FILE ?= build/demo.twf
 GEN := -G Ninja
 
 .PHONY: demo test deps build-release test-main test-asan test-tsan bench clean
@@ -14,7 +15,7 @@ build-release: deps
 
 # Builds in Release and runs the main job on a built-in example.
 demo: build-release
-	./build/release/tools/tarvel_demo $(CYCLES)
+	./build/release/tools/tarvel_demo $(CYCLES) $(DEMO_FILE)
 
 # Builds and runs every test: the plain build, then AddressSanitizer+UndefinedBehaviorSanitizer
 # (with short fuzz runs), then ThreadSanitizer over the store-sharing tests.

@@ -1,67 +1,120 @@
-// The demo job: fills events stores with a clock, the bits of a counter and random values,
-// then prints their event counts, memory per event and a walk of their first events.
-// Command-line tool; single-threaded.
+// The demo job: simulates a small built-in design (a clocked 8-bit counter with a reset, a state
+// machine, an accumulator and an analog level) for a number of clock cycles and writes its
+// waveform with the tarvel writer, committing periodically. Prints the file's path, its size and
+// the number of events written. Command-line tool; single-threaded.
+//
+// Usage: tarvel_demo [cycles] [output file]
 #include <cstdio>
 #include <cstdlib>
-#include <random>
-#include <vector>
+#include <cmath>
 
-#include "store/store_access.h"
 #include "tarvel/tarvel.h"
 
 namespace {
 
-using Tarvel::KEventsStore;
 using Tarvel::int64;
 
-struct Signal {
-    const char* name;
-    KEventsStore store;
+constexpr const char* kStdLogic = "e#9#std_logicc9 UX01ZWLH-";
+constexpr const char* kVector8 = "a#16#std_logic_vector[7d0]e#9#std_logicc9 UX01ZWLH-";
+constexpr const char* kStates = "e#5#staten4#4#IDLE#4#LOAD#3#RUN#4#DONE";
+constexpr const char* kInteger = "i#7#integer";
+constexpr const char* kReal = "f#4#real";
+constexpr unsigned kZero = 2, kOne = 3;  // std_logic codes of '0' and '1'
+
+// Handles of the design's signals.
+enum Handle { kClk = 1, kRst, kCount, kState, kAcc, kLevel, kWatch, kCountBit0 = 100 };
+
+// Source locations of the design's processes, as a simulator would report them.
+class Sources final : public Tarvel::ISourceCallback {
+public:
+    bool GetSourceLocation(int source, const char** fileName, int* line) const override {
+        if (source < 1 || source > 4) return false;
+        *fileName = source == 4 ? "tb_counter.vhd" : "counter.vhd";
+        *line = 10 * source + 2;
+        return true;
+    }
 };
 
-void PushU32(KEventsStore& store, int64 time, unsigned value) {
-    unsigned char bytes[4] = {static_cast<unsigned char>(value), static_cast<unsigned char>(value >> 8),
-                              static_cast<unsigned char>(value >> 16), static_cast<unsigned char>(value >> 24)};
-    store.push_back(time, 0, bytes);
+bool Declare(Tarvel::ITarvelWrite& w) {
+    bool ok = w.SetResolution(1000);  // times in picoseconds of a nanosecond-resolution design
+    ok = ok && w.StoreProperty(0, -1, "Project", "counter_demo") && w.StoreProperty(0, -1, "TopLevel", "tb_counter");
+    ok = ok && w.SetTypeInfo(kClk, kStdLogic) && w.StoreSignal(kClk, 1, -1, 0, "clk", 0);
+    ok = ok && w.SetTypeInfo(kRst, kStdLogic) && w.StoreSignal(kRst, 1, -1, 0, "rst", 0);
+    ok = ok && w.SetTypeInfo(kCount, kVector8) && w.StoreBus(kCount, 2, 8, -1, 0, "count", 0);
+    for (int bit = 0; ok && bit < 8; ++bit) {
+        ok = w.SetTypeInfo(kCountBit0 + bit, kStdLogic) && w.StoreSignal(kCountBit0 + bit, 2, kCount, bit, "count", 0);
+    }
+    ok = ok && w.SetTypeInfo(kState, kStates) && w.StoreSignal(kState, 6, -1, 0, "state", 0);
+    ok = ok && w.SetTypeInfo(kAcc, kInteger) && w.StoreSignal(kAcc, 7, -1, 0, "acc", 0);
+    ok = ok && w.SetTypeInfo(kLevel, kReal) && w.StoreSignal(kLevel, 6, -1, 0, "level", 0);
+    ok = ok && w.StoreBus(kWatch, -1, 2, -1, 0, "watch", 0);
+    ok = ok && w.StoreProperty(0, kClk, "VBus", "1") && w.StoreProperty(0, kState, "VBus", "1");
+    ok = ok && w.StoreProperty(0, kAcc, "Comment", "running sum of count") && w.StoreProperty(0, kLevel, "Hidden", "1");
+    return ok && w.FlushDeclarations();
 }
 
-void Report(const Signal& s, int show) {
-    const double bytes = static_cast<double>(Tarvel::BodyMemoryBytes(*Tarvel::StoreAccess::Body(s.store)));
-    std::printf("%-12s %10u events  %8.3f bytes/event  first events:", s.name, s.store.count(),
-                s.store.count() ? bytes / s.store.count() : 0.0);
-    Tarvel::KEventData data;
-    bool ok = s.store.GetFirstEvent(&data);
-    for (int i = 0; ok && i < show; ++i, ok = s.store.GetNextEvent(&data)) {
-        unsigned char value[4] = {};
-        data.GetValue(value, 4);
-        std::printf(" %lld:%u", static_cast<long long>(data.GetTime()), value[0] | value[1] << 8 | value[2] << 16 | value[3] << 24);
+bool Put4(Tarvel::ITarvelWrite& w, int handle, unsigned value, int source, long long* events) {
+    ++*events;
+    return w.StoreValueWithSource(handle, reinterpret_cast<const unsigned char*>(&value), source);
+}
+
+bool Run(Tarvel::ITarvelWrite& w, long long cycles, long long* events) {
+    unsigned count = 0, state = 0;
+    int acc = 0;
+    bool ok = true;
+    for (long long c = 0; ok && c < cycles; ++c) {
+        const int64 t = c * 10000;  // 10 ns clock
+        ok = w.SetTime(t) && Put4(w, kClk, kOne, 1, events);
+        if (c == 0 || c == 3) ok = ok && Put4(w, kRst, c == 0 ? kOne : kZero, 4, events);
+        const unsigned next = c < 3 ? 0 : (count + 1) & 0xFF;
+        for (int bit = 0; ok && bit < 8; ++bit) {
+            if (c == 0 || ((next ^ count) >> bit & 1)) ok = Put4(w, kCountBit0 + bit, next >> bit & 1 ? kOne : kZero, 2, events);
+        }
+        count = next;
+        const unsigned nextState = c < 3 ? 0 : count == 0 ? 3 : count < 16 ? 1 : 2;
+        if (c == 0 || nextState != state) ok = ok && Put4(w, kState, nextState, 3, events);
+        state = nextState;
+        if (count % 4 == 0) {
+            acc += static_cast<int>(count);
+            ok = ok && Put4(w, kAcc, static_cast<unsigned>(acc), 0, events);
+        }
+        if (c % 16 == 0) {
+            const double level = std::sin(static_cast<double>(c) / 50.0);
+            ok = ok && w.StoreValue(kLevel, reinterpret_cast<const unsigned char*>(&level));
+            ++*events;
+        }
+        ok = ok && w.SetTime(t + 5000) && Put4(w, kClk, kZero, 1, events);
+        if (ok && c % 10000 == 9999) ok = w.Commit() && w.Resume();
     }
-    std::printf("\n");
+    return ok && w.SetTime(cycles * 10000) && w.Commit();
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    const int cycles = argc > 1 ? std::atoi(argv[1]) : 1000000;
-    std::vector<Signal> signals;
-    signals.push_back({"clock", {}});
-    for (int bit = 0; bit < 4; ++bit) signals.push_back({bit == 0 ? "counter[0]" : bit == 1 ? "counter[1]" : bit == 2 ? "counter[2]" : "counter[3]", {}});
-    signals.push_back({"random8", {}});
-    signals.push_back({"random32", {}});
-    for (Signal& s : signals) s.store.SetSize(s.name[1] == 'a' && s.name[6] == '3' ? 4 : 1);
-    std::mt19937 rng(42);
-    for (int c = 0; c < cycles; ++c) {
-        const int64 time = int64{c} * 10;
-        PushU32(signals[0].store, time, 3);
-        PushU32(signals[0].store, time + 5, 2);
-        for (int bit = 0; bit < 4; ++bit) {
-            if (((c >> bit) & 1) != (((c - 1) >> bit) & 1) || c == 0) PushU32(signals[1 + bit].store, time, 2 + ((c >> bit) & 1));
-        }
-        if (rng() % 4 == 0) PushU32(signals[5].store, time, rng() % 9);
-        PushU32(signals[6].store, time, static_cast<unsigned>(rng()));
+    const long long cycles = argc > 1 ? std::atoll(argv[1]) : 100000;
+    const char* path = argc > 2 ? argv[2] : "demo.twf";
+    Sources sources;
+    Tarvel::ITarvelWrite* writer = Tarvel::CreateStreamWriteTimed(path, &sources);
+    if (!writer) {
+        std::fprintf(stderr, "tarvel_demo: cannot create %s (see %s.log)\n", path, path);
+        return 1;
     }
-    for (Signal& s : signals) s.store.push_end(int64{cycles} * 10, 0);
-    std::printf("tarvel events-store demo: %d clock cycles\n", cycles);
-    for (const Signal& s : signals) Report(s, 6);
+    long long events = 0;
+    const bool ran = Declare(*writer) && Run(*writer, cycles, &events);
+    const bool closed = writer->Release();
+    if (!ran || !closed) {
+        std::fprintf(stderr, "tarvel_demo: writing %s failed (see %s.log)\n", path, path);
+        return 1;
+    }
+    long size = 0;
+    if (std::FILE* f = std::fopen(path, "rb")) {
+        std::fseek(f, 0, SEEK_END);
+        size = std::ftell(f);
+        std::fclose(f);
+    }
+    std::printf("tarvel demo: %lld clock cycles of a counter design\n", cycles);
+    std::printf("wrote %s: %ld bytes, %lld events (%.2f bytes/event)\n", path, size, events,
+                events ? static_cast<double>(size) / static_cast<double>(events) : 0.0);
     return 0;
 }

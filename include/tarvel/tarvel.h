@@ -5,5 +5,7 @@
 
 #include <tarvel/config.h>
 #include <tarvel/events_store.h>
+#include <tarvel/sourcer.h>
+#include <tarvel/writer.h>
 
 #endif  // TARVEL_TARVEL_H

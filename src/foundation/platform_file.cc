@@ -1,5 +1,6 @@
-// Output files of the platform layer: open mode, network-drive test, and the stream operations
-// behind a replaceable hook table. Foundation layer. The hook pointer is swapped atomically.
+// Files of the platform layer: output open mode, network-drive test, the writer's stream
+// operations and the readers' input operations, each behind a replaceable hook table. Foundation
+// layer. The hook pointers are swapped atomically.
 #include "foundation/platform_file.h"
 
 #include <atomic>
@@ -187,6 +188,64 @@ bool CloseFile(std::FILE* stream) noexcept {
 
 const FileHooks* SetFileHooks(const FileHooks* hooks) noexcept {
     return g_fileHooks.exchange(hooks, std::memory_order_acq_rel);
+}
+
+// ---- Input files ----------------------------------------------------------------------------
+
+namespace {
+
+std::atomic<const InputFileHooks*> g_inputHooks{nullptr};
+
+const InputFileHooks* InputHooks() noexcept { return g_inputHooks.load(std::memory_order_acquire); }
+
+}  // namespace
+
+std::FILE* OpenInputFile(const char* name) noexcept {
+    const InputFileHooks* hooks = InputHooks();
+    if (hooks != nullptr && hooks->open != nullptr) return hooks->open(name, "rb");
+    return std::fopen(name, "rb");
+}
+
+std::size_t ReadInput(void* data, std::size_t size, std::FILE* stream) noexcept {
+    if (const InputFileHooks* hooks = InputHooks(); hooks != nullptr && hooks->read != nullptr) {
+        return hooks->read(data, size, stream);
+    }
+    return std::fread(data, 1, size, stream);
+}
+
+std::int64_t TellInput(std::FILE* stream) noexcept {
+    if (const InputFileHooks* hooks = InputHooks(); hooks != nullptr && hooks->tell != nullptr) {
+        return hooks->tell(stream);
+    }
+#if defined(_WIN32)
+    return _ftelli64(stream);
+#else
+    return static_cast<std::int64_t>(ftello(stream));
+#endif
+}
+
+bool SeekInput(std::FILE* stream, std::int64_t position) noexcept {
+    if (const InputFileHooks* hooks = InputHooks(); hooks != nullptr && hooks->seek != nullptr) {
+        return hooks->seek(stream, position);
+    }
+    if (position < 0) return false;
+    // A successful seek also clears the end-of-file indicator, which some runtimes keep sticky.
+#if defined(_WIN32)
+    return _fseeki64(stream, position, SEEK_SET) == 0;
+#else
+    return fseeko(stream, static_cast<off_t>(position), SEEK_SET) == 0;
+#endif
+}
+
+bool CloseInput(std::FILE* stream) noexcept {
+    if (const InputFileHooks* hooks = InputHooks(); hooks != nullptr && hooks->close != nullptr) {
+        return hooks->close(stream);
+    }
+    return std::fclose(stream) == 0;
+}
+
+const InputFileHooks* SetInputFileHooks(const InputFileHooks* hooks) noexcept {
+    return g_inputHooks.exchange(hooks, std::memory_order_acq_rel);
 }
 
 }  // namespace Tarvel::Platform

@@ -1,5 +1,6 @@
-// The platform layer's output files: opening a file for binary writing, deciding whether every
-// flush must also commit the file to disk, and the stream operations the writer uses. Foundation
+// The platform layer's files: opening a file for binary writing, deciding whether every flush
+// must also commit the file to disk, the stream operations the writer uses, and the input files
+// of the readers (open, block reads, 64-bit positions). Foundation
 // layer. The functions are thread-safe as the C runtime's stream functions are; the hook table is
 // process-wide, and tests install it while no other thread uses the library.
 //
@@ -63,6 +64,36 @@ struct FileHooks {
 // Installs `hooks` (null restores the runtime). Returns the hooks installed before. The table
 // must stay alive while installed.
 const FileHooks* SetFileHooks(const FileHooks* hooks) noexcept;
+
+// ---- Input files ------------------------------------------------------------------------------
+// The readers' side: a file opened for binary reading and read in blocks, with 64-bit positions
+// so that files beyond 2 GB work. These functions have their own hook table, so that a test can
+// fake a short read or a failing seek of a reader without touching a writer's files.
+
+// Opens `name` for binary reading ("rb"). Null on failure; the caller closes it with CloseInput.
+std::FILE* OpenInputFile(const char* name) noexcept;
+// Reads up to `size` bytes into `data` and returns how many arrived; fewer than asked is not an
+// end by itself, 0 is the end of the file (or a read error).
+std::size_t ReadInput(void* data, std::size_t size, std::FILE* stream) noexcept;
+// The position of the next byte the stream gives, -1 on failure.
+std::int64_t TellInput(std::FILE* stream) noexcept;
+// Moves to `position` bytes from the start and clears the end-of-file state, so that a file that
+// has grown since can be read on. False on failure (and for a negative position).
+bool SeekInput(std::FILE* stream, std::int64_t position) noexcept;
+// Closes the stream; false when the runtime reports an error (the stream is gone either way).
+bool CloseInput(std::FILE* stream) noexcept;
+
+// Replaceable input operations for tests; each null member keeps the runtime's behaviour.
+struct InputFileHooks {
+    std::FILE* (*open)(const char* name, const char* mode);
+    std::size_t (*read)(void* data, std::size_t size, std::FILE* stream);
+    std::int64_t (*tell)(std::FILE* stream);
+    bool (*seek)(std::FILE* stream, std::int64_t position);
+    bool (*close)(std::FILE* stream);
+};
+// Installs `hooks` (null restores the runtime) and returns the hooks installed before. The table
+// must stay alive while installed.
+const InputFileHooks* SetInputFileHooks(const InputFileHooks* hooks) noexcept;
 
 }  // namespace Tarvel::Platform
 

@@ -9,6 +9,10 @@
 namespace Tarvel {
 namespace {
 
+// Gaps of zeros before a source up to this length are appended one by one; the room that
+// PrepareRunThenAppend makes covers them (fewer items than a run needs to start).
+constexpr std::int64_t kShortSourceGap = 4;
+
 int64 WrapSub(int64 a, int64 b) { return static_cast<int64>(static_cast<std::uint64_t>(a) - static_cast<std::uint64_t>(b)); }
 
 // Calls fn(concrete value store) without a virtual call; fn(nullptr-typed) is never made.
@@ -62,8 +66,14 @@ void ApplyPushValue(KEventsStoreBody& body, int64 time, int delta, const unsigne
     AppendStep(body, time, delta);
     WithValueStore(body, [&](auto& store) { store.AppendValue(value); });
     if (source != 0) {
+        // A few missing zeros go through the pattern search (so that a pattern such as
+        // 0, 1, 2, 0, 1, 2 is still found); a long gap becomes one run.
         const std::int64_t missing = body.lastResult - body.sources->Count();
-        if (missing > 0) body.sources->AppendRepeated(0, missing);
+        if (missing > kShortSourceGap) {
+            body.sources->AppendRepeated(0, missing);
+        } else {
+            for (std::int64_t i = 0; i < missing; ++i) body.sources->Append(0);
+        }
         body.sources->Append(source);
     }
 }

@@ -63,6 +63,11 @@ public:
     // Sets `text` to the text of a scalar value (ValueSize() bytes at `value`): an enumeration
     // literal as written, or a number. Returns false (text cleared) when there is none.
     bool ValueText(const unsigned char* value, std::string& text) const;
+    // Writes the text of the enumeration literal at the value's position (4 bytes at `value`)
+    // into `buffer` (NUL-terminated); false when it is no literal or the buffer is too small.
+    bool LiteralText(const unsigned char* value, char* buffer, int size) const {
+        return info_.GetValueString_OldFormatLen(buffer, size, value, 0, 0);
+    }
     // Writes the ValueSize() bytes of the value that `text` names into `buffer`; false when
     // `text` is no value of the type or the buffer is smaller than ValueSize().
     bool TextToValue(const char* text, unsigned char* buffer, int bufferSize) const {

@@ -55,6 +55,8 @@ public:
     KLineWriter(KOutputStream& stream, IErrorReport& reporter, bool timed) noexcept;
 
     KOutputStream& Stream() noexcept { return stream_; }
+    // Time of the long-form declaration written last (0 before any).
+    std::int64_t LastDeclarationTime() const noexcept { return lastDeclarationTime_; }
     bool IsTimed() const noexcept { return timed_; }
 
     // ---- Fields ----

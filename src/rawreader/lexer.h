@@ -1,0 +1,183 @@
+// The raw reader's lexer: reads a waveform file through its own 64 KiB buffer and turns bytes
+// into the field forms of docs/format.md (words, integers, relative integers, event times,
+// strings, names, index lists, line ends), and records and returns to file positions. Raw reader
+// layer, lowest level. One lexer belongs to one reader and is used from one thread at a time.
+//
+// The current character. The caller keeps the character read last in an int `c` (-1, kEnd, at
+// the end of the file) and hands it to every operation: an operation starts at `c` and leaves in
+// it the first character it did not consume. A line is read as: `c = Next()` for its first
+// character, the field operations, then EndOfLine(c), which stops on the line feed without
+// reading past it, so the next byte of the file is the first byte of the next line (the position
+// that SavePosition records).
+//
+// Failures. Every operation returns false on malformed input, leaving the offending character in
+// `c`; nothing is printed or thrown. The end of the file is the character -1, an error only where
+// a field is incomplete. The only exception is std::bad_alloc from the allocation path while a
+// caller's string or list grows.
+//
+// Numbers. Digits accumulate in unsigned 64 bits and a value outside its field's range (32 bits
+// for integers, 64 bits for wide integers, after the "k" multiplication too) fails the read
+// instead of wrapping: a number the writer cannot produce is malformed input. The one place that
+// wraps is the addition of a "+" difference to the last relative number, which is taken modulo
+// 2^32 so that files of writers that computed the difference in 32 bits read back exactly.
+//
+// Costs. Next() is an inline compare and load; the buffer refills out of line with one block read
+// of up to 64 KiB. Token operations scan the buffer directly and append to the caller's string in
+// spans; nothing allocates except the caller's string or list growing to the longest token.
+// SavePosition costs nothing (the position is counted, not asked of the file); RestorePosition
+// is one seek and empties the buffer. The buffer is a member array: allocate the owner on the heap.
+#ifndef TARVEL_RAWREADER_LEXER_H
+#define TARVEL_RAWREADER_LEXER_H
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+
+#include "foundation/memory.h"
+
+namespace Tarvel {
+
+namespace LexerTables {
+
+// The whitespace of the C locale (space, tab, LF, VT, FF, CR), independent of the host's locale:
+// the file format is 8-bit text whose separators do not change with the reader's locale.
+constexpr std::array<bool, 256> MakeWhitespaceTable() {
+    std::array<bool, 256> table{};
+    for (unsigned char c : {' ', '\t', '\n', '\v', '\f', '\r'}) table[c] = true;
+    return table;
+}
+inline constexpr std::array<bool, 256> kWhitespace = MakeWhitespaceTable();
+
+}  // namespace LexerTables
+
+class KLexer {
+public:
+    static constexpr std::size_t kBufferSize = 65536;
+    static constexpr int kEnd = -1;  // the character at the end of the file
+
+    // True for whitespace (see LexerTables); false for kEnd.
+    static bool IsSpace(int c) noexcept {
+        return static_cast<unsigned>(c) < 256 && LexerTables::kWhitespace[static_cast<unsigned>(c)];
+    }
+    static bool IsDigit(int c) noexcept { return static_cast<unsigned>(c - '0') <= 9; }
+
+    KLexer() noexcept;
+    // Closes the file when it is still open.
+    ~KLexer();
+    KLexer(const KLexer&) = delete;
+    KLexer& operator=(const KLexer&) = delete;
+
+    // ---- File ----
+    // Opens `fileName` for binary reading and starts at its first byte with an empty buffer, no
+    // saved position and a last relative number of 0. REQUIRES: no file open. False when the
+    // file cannot be opened.
+    bool Open(const char* fileName) noexcept;
+    bool IsOpen() const noexcept { return file_ != nullptr; }
+    // Closes the file and empties the buffer; reads then give kEnd. Nothing happens when closed.
+    void Close() noexcept;
+
+    // ---- Characters ----
+    // The next byte of the file (0 to 255), or kEnd. At the end every call asks the file again.
+    int Next() noexcept {
+        if (next_ != end_) return *next_++;
+        return NextSlow();
+    }
+
+    // ---- Line structure ----
+    // Skips space, tab and CR from `c`. True at any other character; false at LF or kEnd.
+    bool SkipBlanks(int& c) noexcept {
+        while (c == ' ' || c == '\t' || c == '\r') c = Next();
+        return c != '\n' && c != kEnd;
+    }
+    // Skips whitespace from `c` up to a line feed: true with `c` the line feed (not read past).
+    // False at a non-blank character or kEnd.
+    bool EndOfLine(int& c) noexcept;
+    // As EndOfLine, but kEnd is a line end as well (for the last line of a file).
+    bool EndOfLineOrFile(int& c) noexcept;
+    // Skips whitespace other than LF from `c`; true when `c` is then `wanted`. Does not consume
+    // it: the caller moves on with Next().
+    bool Expect(int& c, int wanted) noexcept;
+
+    // ---- Tokens ----
+    // Clears `word` and appends characters from `c` up to whitespace or kEnd (no blanks are
+    // skipped first). True when the word is not empty.
+    bool ReadWord(int& c, String& word);
+    // Plain integer: skips blanks, an optional "-", at least one digit; 32-bit range.
+    bool ReadInteger(int& c, std::int32_t& value) noexcept;
+    // Relative integer: skips blanks, an optional "+" (a difference added to the last relative
+    // number, modulo 2^32), then a plain integer with no blanks after the "+". Either way the
+    // result becomes the last relative number.
+    bool ReadRelative(int& c, std::int32_t& value) noexcept;
+    // Wide integer: skips blanks, an optional "-", digits, an optional "k" (times 1000, consumed);
+    // the sign applies last; the result must fit 64 bits. Event times use this form.
+    bool ReadWide(int& c, std::int64_t& value) noexcept;
+    // String: skips blanks, clears `text`, then one of
+    //   "..."  a quoted string; a backslash takes the next character literally; kEnd inside fails;
+    //          `text` gets the characters without quotes and backslashes;
+    //   'x'    one character between single quotes; `text` gets all three characters, quotes
+    //          included, so that a value parser can tell a character literal from an identifier;
+    //   bare   characters up to whitespace, "=" or kEnd; must not be empty.
+    bool ReadString(int& c, String& text);
+    // Index list: clears `list`, then reads items until the line holds no further number (LF,
+    // kEnd, or a character that cannot start a number is left in `c`; an empty list is fine).
+    // An item is a relative integer a, a range a-b of relative integers (step 1), or a-b/s with a
+    // plain step s >= 1; a range counts down when a >= b and holds a, a-+s, ... up to b. A "-"
+    // starts a range only right after a number. Fails on a malformed number or a step below 1.
+    bool ReadIndexList(int& c, Vector<std::int32_t>& list);
+
+    std::int32_t LastRelative() const noexcept { return lastRelative_; }
+    void SetLastRelative(std::int32_t value) noexcept { lastRelative_ = value; }
+
+    // ---- Positions ----
+    // File position of the next unread byte (the byte after `c`): bytes read from the file
+    // minus those still unread in the buffer.
+    std::int64_t Position() const noexcept { return endPosition_ - (end_ - next_); }
+    // Records Position() as the saved position. The buffer stays; nothing is asked of the file.
+    void SavePosition() noexcept;
+    bool HasSavedPosition() const noexcept { return hasSaved_; }
+    std::int64_t SavedPosition() const noexcept { return savedPosition_; }
+    // Without a saved position: true, nothing moves. Otherwise seeks the file to the saved
+    // position and empties the buffer, so the next read gets the file's bytes as they are now
+    // (a growing file shows what was appended meanwhile), and forgets the saved position. A
+    // failing seek returns false and keeps the saved position for a later attempt; reads are
+    // then undefined until a restore succeeds.
+    bool RestorePosition() noexcept;
+
+private:
+    int NextSlow() noexcept;
+    // Reads the next block into the buffer. False when nothing arrived (end of file or no file).
+    bool Refill() noexcept;
+    // Accumulates the digits starting at `c` (a digit); fails with `c` on the digit that takes
+    // the magnitude above `limit`.
+    bool ReadDigits(int& c, std::uint64_t limit, std::uint64_t& magnitude) noexcept;
+    // "-"? digits, within the 32-bit range; no blanks skipped.
+    bool ReadSignedDigits(int& c, std::int32_t& value) noexcept;
+    // Appends the bytes after `c` to `out` up to the first byte for which `stop` is true, and
+    // returns that byte (consumed), or kEnd.
+    template <class Stop>
+    int AppendUntil(String& out, Stop stop);
+    bool ReadQuoted(int& c, String& text);
+    bool ReadCharacterLiteral(int& c, String& text);
+
+    std::FILE* file_ = nullptr;          // the input file; null when closed
+    std::int64_t savedPosition_ = 0;     // valid while hasSaved_
+    bool hasSaved_ = false;              // a position is saved
+    std::int32_t lastRelative_ = 0;      // what a "+" difference is added to
+    const unsigned char* next_;          // next unread byte of the buffer
+    const unsigned char* end_;           // end of the bytes read into the buffer
+    std::int64_t endPosition_ = 0;       // file position of the byte at end_
+    unsigned char buffer_[kBufferSize];  // the block read last
+};
+
+// Reads the name field of a declaration, compressed against `name`, the previous name, which it
+// replaces on success (unchanged on failure). A digit starts the compressed form "A B S": the
+// first A characters of the previous name, then the string S, then its last B characters (the two
+// parts are taken independently and may overlap); A or B larger than the previous name fails.
+// Anything else is a string holding the whole name. `scratch` is working space whose buffer is
+// kept between calls, so that a run of declarations allocates only while names grow.
+bool ReadName(KLexer& lexer, int& c, String& name, String& scratch);
+
+}  // namespace Tarvel
+
+#endif  // TARVEL_RAWREADER_LEXER_H

@@ -1,0 +1,526 @@
+// The writer object: factories, declarations, time, values, flushing and commits.
+// Writer layer; one thread at a time (see the public header).
+#include "writer/tarvel_write.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+#include "writer/block_writers.h"
+#include "writer/file_format.h"
+
+namespace Tarvel {
+namespace {
+
+String LowerCase(const char* text) {
+    String lower(text ? text : "");
+    for (char& c : lower) {
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    }
+    return lower;
+}
+
+// Runs `body`, turning exhausted memory into the writer's "Out of memory" failure.
+template <class Fn>
+bool Guarded(KTarvelWrite& writer, Fn&& body) {
+    try {
+        return body();
+    } catch (const std::bad_alloc&) {
+        return writer.ReportError("Out of memory");
+    }
+}
+
+ITarvelWrite* Create(const char* fileName, bool timed, const ISourceCallback* callback) {
+    KTarvelWrite* writer = nullptr;
+    try {
+        writer = NewObject<KTarvelWrite>(fileName, timed, callback);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+    if (!writer->Open()) {
+        DestroyObject(writer);
+        return nullptr;
+    }
+    return writer;
+}
+
+}  // namespace
+
+HandleTable::~HandleTable() {
+    for (HandleEntry* page : m_pages) {
+        if (!page) continue;
+        for (int i = 0; i < kPageSize; ++i) page[i].~HandleEntry();
+        Free(page);
+    }
+}
+
+HandleEntry& HandleTable::Make(int handle) {
+    const std::size_t page = static_cast<std::size_t>(handle) >> kPageBits;
+    if (page >= m_pages.size()) m_pages.resize(page + 1, nullptr);
+    if (!m_pages[page]) {
+        HandleEntry* entries = static_cast<HandleEntry*>(Allocate(sizeof(HandleEntry) * kPageSize));
+        for (int i = 0; i < kPageSize; ++i) new (&entries[i]) HandleEntry();
+        m_pages[page] = entries;
+    }
+    HandleEntry& entry = m_pages[page][handle & (kPageSize - 1)];
+    entry.present = true;
+    return entry;
+}
+
+KTarvelWrite::KTarvelWrite(const char* fileName, bool timed, const ISourceCallback* callback)
+    : m_fileName(fileName ? fileName : ""),
+      m_logName(m_fileName + ".log"),
+      m_timed(timed),
+      m_stream(*this),
+      m_lines(m_stream, *this, timed),
+      m_types(*this),
+      m_callback(callback) {}
+
+KTarvelWrite::~KTarvelWrite() = default;
+
+bool KTarvelWrite::Open() {
+    if (!m_stream.Open(m_fileName.c_str())) return false;
+    return m_lines.WriteHeader() && m_stream.IsOpen();
+}
+
+// ---- Failures ---------------------------------------------------------------------------------
+
+bool KTarvelWrite::Report(const char* format, std::va_list args) {
+    if (m_failed) return false;
+    m_failed = true;
+    m_stream.Close();
+    if (format && *format) {
+        if (std::FILE* log = std::fopen(m_logName.c_str(), "w")) {
+            std::vfprintf(log, format, args);
+            std::fclose(log);
+        }
+    }
+    return false;
+}
+
+bool KTarvelWrite::ReportError(const char* format, ...) {
+    std::va_list args;
+    va_start(args, format);
+    Report(format, args);
+    va_end(args);
+    return false;
+}
+
+bool KTarvelWrite::Error(const char* format, ...) {
+    std::va_list args;
+    va_start(args, format);
+    Report(format, args);
+    va_end(args);
+    return false;
+}
+
+bool KTarvelWrite::WriteTypeLine(std::int32_t typeIndex, const char* typeInfo) {
+    return m_lines.WriteTypeLine(typeIndex, typeInfo);
+}
+
+// ---- Life cycle -------------------------------------------------------------------------------
+
+bool KTarvelWrite::AddRef() {
+    ++m_references;
+    return true;
+}
+
+bool KTarvelWrite::Release() {
+    if (--m_references > 0) return true;
+    const bool flushed = Flush();
+    const bool closed = m_stream.Close();
+    KTarvelWrite* self = this;
+    DestroyObject(self);
+    return flushed && closed;
+}
+
+bool KTarvelWrite::Begin() { return true; }
+
+const char* KTarvelWrite::GetFileName() { return m_fileName.c_str(); }
+
+// ---- Declarations -----------------------------------------------------------------------------
+
+bool KTarvelWrite::SetTypeInfo(int handle, const char* typeInfo) {
+    if (m_failed) return false;
+    return Guarded(*this, [&] {
+        if (handle < 0) return ReportError("Internal error in StoreSignal(%d)", handle);
+        std::int32_t index = 0;
+        if (!m_types.Register(typeInfo, &index)) return false;
+        HandleEntry& entry = m_handles.Make(handle);
+        if (entry.typeIndex != 0 && entry.typeIndex != index) {
+            return ReportError("Two different typeinfos specified for signal %d", handle);
+        }
+        entry.typeIndex = index;
+        return true;
+    });
+}
+
+bool KTarvelWrite::StoreSignal(int handle, int mode, int parentBus, int position, const char* name, const int64& time) {
+    if (m_failed) return false;
+    return Guarded(*this, [&] {
+        if (handle < 0) return ReportError("Internal error in StoreSignal(%d)", handle);
+        if (parentBus >= 0 && m_buses.count(parentBus)) return DeclareElement(handle, parentBus, position, time);
+        if (!WritePendingElements()) return false;
+        HandleEntry& entry = m_handles.Make(handle);
+        DeclarationFields fields;
+        fields.mode = mode;
+        fields.handle = handle;
+        fields.typeIndex = entry.typeIndex;
+        fields.name = name ? name : "";
+        fields.trailing[0] = parentBus;
+        fields.trailing[1] = position;
+        fields.time = time;
+        fields.shortForm = parentBus < 0 && (m_timed || time == m_lines.LastDeclarationTime());
+        return m_lines.WriteSignalDeclaration(fields);
+    });
+}
+
+bool KTarvelWrite::StoreBus(int handle, int mode, int width, int parentBus, int position, const char* name,
+                            const int64& time) {
+    if (m_failed) return false;
+    return Guarded(*this, [&] {
+        if (handle < 0) return ReportError("Internal error in StoreBus(%d)", handle);
+        if (!WritePendingElements()) return false;
+        HandleEntry& entry = m_handles.Make(handle);
+        if (width <= 0) {
+            const TypeHandle* type = m_types.Find(entry.typeIndex);
+            width = type ? static_cast<int>(std::min<std::int64_t>(type->ChildCount(), 0x7FFFFFFF)) : 0;
+        }
+        BusInfo& bus = m_buses[handle];
+        bus.width = width;
+        bus.time = time;
+        bus.taken.assign(static_cast<std::size_t>(width), 0);
+        bus.children = 0;
+        if (mode == Format::kModeVirtualBus) m_lastVirtualBus = handle;
+        DeclarationFields fields;
+        fields.mode = mode;
+        fields.handle = handle;
+        fields.typeIndex = entry.typeIndex;
+        fields.hasExtra = true;
+        fields.extra = width;
+        fields.name = name ? name : "";
+        fields.trailing[0] = parentBus;
+        fields.trailing[1] = position;
+        fields.time = time;
+        fields.shortForm = parentBus < 0 && (m_timed || time == m_lines.LastDeclarationTime());
+        return m_lines.WriteBusDeclaration(fields);
+    });
+}
+
+// Makes `handle` element `position` of the declared bus `parentBus`: no line of its own, but an
+// "S" line, a place in the bus's element list and, when declared at another time, an "$ENDSC".
+bool KTarvelWrite::DeclareElement(int handle, int parentBus, int position, const int64& time) {
+    BusInfo& bus = m_buses[parentBus];
+    if (position < 0 || position >= bus.width) return ReportError("Scalar out of range: %d for signal %d", position, handle);
+    if (bus.taken[static_cast<std::size_t>(position)]) return ReportError("Scalar %d redefined for handle %d", position, handle);
+    if (m_pendingBus != parentBus && !WritePendingElements()) return false;
+    m_handles.Make(handle);
+    m_pendingElements.emplace_back(handle, position);
+    if (time != bus.time) m_pendingEnds.emplace_back(handle, time);
+    bus.taken[static_cast<std::size_t>(position)] = 1;
+    m_pendingBus = parentBus;
+    return true;
+}
+
+bool KTarvelWrite::WritePendingElements() {
+    if (m_pendingBus < 0) return true;
+    for (const auto& element : m_pendingElements) {
+        if (!m_lines.WriteScalarElement(element.first, element.second)) return false;
+    }
+    Vector<std::int32_t> handles;
+    handles.reserve(m_pendingElements.size());
+    for (const auto& element : m_pendingElements) handles.push_back(element.first);
+    if (!m_lines.WriteElementList(m_pendingBus, handles.data(), handles.size())) return false;
+    for (const auto& end : m_pendingEnds) {
+        if (!m_lines.WriteElementEnd(end.first, end.second)) return false;
+    }
+    m_lines.ForgetLastBus();
+    m_pendingElements.clear();
+    m_pendingEnds.clear();
+    m_pendingBus = -1;
+    return true;
+}
+
+bool KTarvelWrite::FlushDeclarations() {
+    if (m_failed) return false;
+    return Guarded(*this, [&] { return WritePendingElements(); });
+}
+
+bool KTarvelWrite::StoreProperty(const int64& time, int handle, const char* name, const char* value) {
+    if (m_failed) return false;
+    return Guarded(*this, [&] {
+        const char* n = name ? name : "";
+        const char* v = value ? value : "";
+        if (std::strcmp(n, "VBus") == 0 && std::strcmp(v, "1") == 0) return AttachToVirtualBus(handle);
+        if (time == 0) return AddPendingProperty(handle, n, v);
+        if (!WritePendingElements()) return false;
+        const std::int32_t handles[1] = {handle};
+        return m_lines.WriteProperty(time, handles, 1, n, v);
+    });
+}
+
+bool KTarvelWrite::StoreProperty(int handle, const char* name, const char* value) {
+    return StoreProperty(m_time, handle, name, value);
+}
+
+bool KTarvelWrite::AttachToVirtualBus(int handle) {
+    auto bus = m_buses.find(m_lastVirtualBus);
+    if (bus == m_buses.end() || handle < 0) return ReportError("Internal error in StoreProperty(%d)", handle);
+    if (!WritePendingElements()) return false;
+    return m_lines.WriteChild(m_lastVirtualBus, handle, bus->second.children++);
+}
+
+bool KTarvelWrite::AddPendingProperty(int handle, const char* name, const char* value) {
+    String key(name);
+    key.push_back('\0');
+    key.append(value);
+    auto found = m_pendingPropertyIndex.find(key);
+    if (found == m_pendingPropertyIndex.end()) {
+        m_pendingProperties.push_back(PendingProperty{String(name), String(value), {}});
+        try {
+            found = m_pendingPropertyIndex.emplace(key, m_pendingProperties.size() - 1).first;
+        } catch (...) {
+            m_pendingProperties.pop_back();
+            throw;
+        }
+    }
+    m_pendingProperties[found->second].handles.push_back(handle);
+    return true;
+}
+
+bool KTarvelWrite::WritePendingProperties() {
+    for (PendingProperty& property : m_pendingProperties) {
+        Vector<std::int32_t>& handles = property.handles;
+        std::sort(handles.begin(), handles.end());
+        handles.erase(std::unique(handles.begin(), handles.end()), handles.end());
+        if (!m_lines.WriteProperty(0, handles.data(), handles.size(), property.name, property.value)) return false;
+    }
+    m_pendingProperties.clear();
+    m_pendingPropertyIndex.clear();
+    return true;
+}
+
+bool KTarvelWrite::SetResolution(const int64& resolution) {
+    if (m_failed) return false;
+    return Guarded(*this, [&] { return resolution > 0 && m_lines.WriteResolution(resolution); });
+}
+
+// ---- Sources ----------------------------------------------------------------------------------
+
+bool KTarvelWrite::NumberSource(int source, int* number) {
+    *number = 0;
+    if (source == 0 || !m_callback) return true;
+    const auto known = m_sourceNumbers.find(source);
+    if (known != m_sourceNumbers.end()) {
+        *number = known->second;
+        return true;
+    }
+    const char* fileName = nullptr;
+    int line = 0;
+    if (!m_callback->GetSourceLocation(source, &fileName, &line)) return true;
+    const String key = LowerCase(fileName);
+    auto file = m_fileNumbers.find(key);
+    if (file == m_fileNumbers.end()) {
+        const int fileNumber = static_cast<int>(m_fileNumbers.size()) + 1;
+        file = m_fileNumbers.emplace(key, fileNumber).first;
+        if (!m_lines.WriteSourceFile(fileNumber, fileName ? fileName : "")) return false;
+    }
+    const int sourceNumber = static_cast<int>(m_sourceNumbers.size()) + 1;
+    m_sourceNumbers.emplace(source, sourceNumber);
+    *number = sourceNumber;
+    return m_lines.WriteSourceLine(sourceNumber, file->second, line);
+}
+
+bool KTarvelWrite::StoreSource(int source) {
+    if (m_failed) return false;
+    return Guarded(*this, [&] {
+        int number = 0;
+        return NumberSource(source, &number) && number != 0;
+    });
+}
+
+// ---- Time and values --------------------------------------------------------------------------
+
+bool KTarvelWrite::MoveTime(const int64& offset) {
+    if (m_failed) return false;
+    if (offset < 0) return ReportError("Negative offset in MoveTime");
+    if (offset > 0) {
+        m_time += offset;
+        m_delta = 0;
+    }
+    return true;
+}
+
+bool KTarvelWrite::SetTime(const int64& time) {
+    if (m_failed) return false;
+    if (time < m_time) return ReportError("SetTime tries to move back in time");
+    if (time > m_time) {
+        m_time = time;
+        m_delta = 0;
+    }
+    return true;
+}
+
+const int64& KTarvelWrite::GetTime() { return m_time; }
+
+bool KTarvelWrite::SetDelta(unsigned delta) {
+    if (m_failed) return false;
+    if (delta < m_delta) return ReportError("SetDelta tries to move back in time");
+    m_delta = delta;
+    return true;
+}
+
+unsigned KTarvelWrite::GetDelta() { return m_delta; }
+
+int KTarvelWrite::GetValueSize(int handle) {
+    if (m_failed) return -1;
+    const HandleEntry* entry = m_handles.Find(handle);
+    if (!entry) {
+        ReportError("GetValueSize called for unknown handle %d", handle);
+        return -1;
+    }
+    const TypeHandle* type = m_types.Find(entry->typeIndex);
+    return type ? static_cast<int>(type->ValueSize()) : 0;
+}
+
+bool KTarvelWrite::StoreValue(int handle, const unsigned char* data) { return StoreValueWithSource(handle, data, 0); }
+
+bool KTarvelWrite::StoreValueWithSource(int handle, const unsigned char* data, int source) {
+    if (m_failed) return false;
+    HandleEntry* entry = m_handles.Find(handle);
+    // The common case: a value of a handle already prepared in this interval, without source.
+    if (entry && entry->sized && source == 0) {
+        try {
+            entry->store.push_back(m_time, static_cast<int>(m_delta), data, 0);
+        } catch (const std::bad_alloc&) {
+            return OutOfMemory();
+        }
+        return true;
+    }
+    return Guarded(*this, [&] { return StoreValueChecked(handle, data, source); });
+}
+
+bool KTarvelWrite::StoreValueChecked(int handle, const unsigned char* data, int source) {
+    HandleEntry* entry = m_handles.Find(handle);
+    if (!entry) return ReportError("StoreValueWithSource called for unknown handle %d", handle);
+    if (!entry->changed) {
+        const TypeHandle* type = m_types.Find(entry->typeIndex);
+        const int size = type && type->IsScalar() ? static_cast<int>(type->ValueSize()) : 0;
+        m_changed.push_back(handle);
+        entry->store.SetSize(size);
+        entry->changed = true;
+    }
+    entry->sized = true;
+    int number = 0;
+    if (!NumberSource(source, &number)) return false;
+    entry->store.push_back(m_time, static_cast<int>(m_delta), data, number);
+    m_dirty = true;
+    return true;
+}
+
+bool KTarvelWrite::SetEventsStore(int handle, const KEventsStore& store) {
+    if (m_failed) return false;
+    return Guarded(*this, [&] {
+        HandleEntry* entry = m_handles.Find(handle);
+        if (!entry) return ReportError("SetEventsStore called for unknown handle %d", handle);
+        if (entry->sized) return ReportError("SetEventsStore(%d) called after StoreValue", handle);
+        const TypeHandle* type = m_types.Find(entry->typeIndex);
+        if (!type) return ReportError("");
+        if (!type->IsScalar()) return ReportError("SetEventsStore(%d) called for non-scalar", handle);
+        if (!entry->changed) m_changed.push_back(handle);
+        entry->store = store;
+        entry->changed = true;
+        m_dirty = true;
+        return true;
+    });
+}
+
+bool KTarvelWrite::SetDefaultEndTime(const int64& time) {
+    if (m_failed) return false;
+    if (m_timed) return ReportError("SetDefaultEndTime used for timed tarvel");
+    return Guarded(*this, [&] { return m_lines.WriteEndTime(time); });
+}
+
+// ---- Flushing and commits ---------------------------------------------------------------------
+
+bool KTarvelWrite::Flush() {
+    if (m_failed) return false;
+    return Guarded(*this, [&] { return FlushAll(); });
+}
+
+bool KTarvelWrite::FlushThunk(void* owner) { return static_cast<KTarvelWrite*>(owner)->FlushAll(); }
+
+bool KTarvelWrite::FlushAll() {
+    if (!WritePendingElements() || !WritePendingProperties()) return false;
+    if (m_dirty && !WriteChangedStores()) return false;
+    return m_stream.Flush();
+}
+
+// A flush group: the handles of one type that share one events store.
+struct FlushGroupKey {
+    std::int32_t typeIndex;
+    KEventsStore store;
+    bool operator<(const FlushGroupKey& other) const {
+        if (typeIndex != other.typeIndex) return typeIndex < other.typeIndex;
+        return store < other.store;
+    }
+};
+
+bool KTarvelWrite::WriteChangedStores() {
+    Map<FlushGroupKey, Vector<std::int32_t>> groups;
+    for (std::int32_t handle : m_changed) {
+        HandleEntry* entry = m_handles.Find(handle);
+        entry->store.push_end(m_time, static_cast<int>(m_delta));
+        entry->changed = false;
+        entry->sized = false;
+        if (!m_types.Find(entry->typeIndex)) return ReportError("Unknown typeindex %d for handle %d", entry->typeIndex, handle);
+        groups[FlushGroupKey{entry->typeIndex, entry->store}].push_back(handle);
+    }
+    m_dirty = false;
+    for (const auto& group : groups) {
+        if (!WriteBlock(group.first.typeIndex, group.first.store, group.second)) return ReportError("");
+    }
+    for (std::int32_t handle : m_changed) m_handles.Find(handle)->store.clear();
+    m_changed.clear();
+    return true;
+}
+
+bool KTarvelWrite::WriteBlock(std::int32_t typeIndex, const KEventsStore& store, const Vector<std::int32_t>& handles) {
+    const TypeHandle& type = *m_types.Find(typeIndex);
+    if (!TypeRegistry::HasValueText(type)) return true;
+    if (!m_lines.WriteWavesLine(handles.data(), handles.size())) return false;
+    KTimeDeltaWriter steps(m_lines);
+    if (!store.WriteTimeDelta(&steps) || !m_lines.WriteValuesLine()) return false;
+    if (store.GetSize() > 0) {
+        KValueWriter values(m_lines, m_types, typeIndex, store.GetSize(), static_cast<int>(type.ValueSize()));
+        if (!store.WriteValue(&values)) return false;
+    }
+    if (store.Sources()) {
+        KSourceWriter sources(m_lines);
+        if (!m_lines.WriteSourcesLine() || !store.WriteSource(&sources)) return false;
+    }
+    return m_lines.WriteEndLine();
+}
+
+bool KTarvelWrite::Commit() {
+    if (m_failed) return false;
+    return Guarded(*this, [&] { return m_lines.Commit(m_time, FlushCallback{&KTarvelWrite::FlushThunk, this}); });
+}
+
+bool KTarvelWrite::Resume() {
+    if (m_failed) return false;
+    return m_stream.Resume();
+}
+
+// ---- Factories --------------------------------------------------------------------------------
+
+ITarvelWrite* CreateStreamWrite(const char* fileName) { return Create(fileName, false, nullptr); }
+
+ITarvelWrite* CreateStreamWriteTimed(const char* fileName) { return Create(fileName, true, nullptr); }
+
+ITarvelWrite* CreateStreamWriteTimed(const char* fileName, const ISourceCallback* callback) {
+    return Create(fileName, true, callback);
+}
+
+}  // namespace Tarvel
