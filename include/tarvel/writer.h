@@ -6,7 +6,7 @@
 // and store values (StoreValue). Values stay in memory, one compressed events store per signal,
 // until Flush or Commit writes them as event blocks; Commit also ends the file with its
 // terminator, so a reader (or a crash) finds a complete file up to that point. After a Commit,
-// call Resume before writing more. The last Release flushes, closes and destroys the writer.
+// call Resume before writing more. The last Release commits, closes and destroys the writer.
 //
 // Failures. Every operation returns false when it fails. The first failure closes the output
 // file and writes its message to a log file named as the output file with ".log" appended; every
@@ -49,8 +49,9 @@ protected:
 class TARVEL_API ITarvelWrite {
 public:
     virtual bool AddRef() = 0;
-    // At count 0: flushes, closes the file and destroys the writer. Returns whether the flush
-    // and the close succeeded.
+    // At count 0: commits (flushing everything stored), closes the file and destroys the writer,
+    // so a released file always ends with its terminator. Returns whether the commit and the
+    // close succeeded.
     virtual bool Release() = 0;
     virtual bool Begin() = 0;
     // Writes the pending element lines of the bus declared last.

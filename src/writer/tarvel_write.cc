@@ -128,7 +128,9 @@ bool KTarvelWrite::AddRef() {
 
 bool KTarvelWrite::Release() {
     if (--m_references > 0) return true;
-    const bool flushed = Flush();
+    // The last release commits rather than only flushing: a released file always ends with its
+    // terminator, so nothing the caller wrote stays hidden behind a commit mark or unreadable.
+    const bool flushed = Commit();
     const bool closed = m_stream.Close();
     KTarvelWrite* self = this;
     DestroyObject(self);

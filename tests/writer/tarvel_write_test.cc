@@ -1,0 +1,296 @@
+// The writer object through its public interface: golden files of whole small waveforms, every
+// refusal and its log, values read from buffers of exactly GetValueSize bytes, and a writer
+// killed at random moments while it commits.
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <random>
+
+#include "format_test_support.h"
+#include "tarvel/tarvel.h"
+
+namespace Tarvel::Testing {
+namespace {
+
+constexpr const char* kStdLogic = "e#9#std_logicc9 UX01ZWLH-";
+constexpr const char* kVector4 = "a#16#std_logic_vector[3d0]e#9#std_logicc9 UX01ZWLH-";
+constexpr const char* kStates = "e#5#staten3#4#IDLE#4#LOAD#3#RUN";
+constexpr const char* kChars = "e#4#charc2 ab";
+
+bool Put(ITarvelWrite& w, int handle, std::uint64_t value) {
+    const int size = w.GetValueSize(handle);
+    // Exactly the value's bytes on the heap: reading one byte more is an ASan error.
+    std::unique_ptr<unsigned char[]> bytes(new unsigned char[static_cast<std::size_t>(size)]);
+    std::memcpy(bytes.get(), &value, static_cast<std::size_t>(size));
+    return w.StoreValue(handle, bytes.get());
+}
+
+bool PutReal(ITarvelWrite& w, int handle, double value) {
+    std::unique_ptr<unsigned char[]> bytes(new unsigned char[8]);
+    std::memcpy(bytes.get(), &value, 8);
+    return w.StoreValue(handle, bytes.get());
+}
+
+class Sources final : public ISourceCallback {
+public:
+    bool GetSourceLocation(int source, const char** fileName, int* line) const override {
+        if (source > 50) return false;
+        *fileName = source % 2 ? "top.vhd" : "TOP.VHD";  // one file, compared without case
+        *line = source * 10;
+        return true;
+    }
+};
+
+// A small design written through every kind of declaration, then three flush intervals.
+void WriteDesign(ITarvelWrite& w, bool timed) {
+    ASSERT_TRUE(w.SetResolution(1000));
+    ASSERT_TRUE(w.SetResolution(1000));   // the same again: nothing written
+    ASSERT_FALSE(w.SetResolution(10));    // another: refused without a message
+    ASSERT_TRUE(w.SetTypeInfo(1000, kStdLogic));
+    ASSERT_TRUE(w.StoreSignal(1000, 1, -1, 0, "clock_main", 0));
+    ASSERT_TRUE(w.SetTypeInfo(1001, kStdLogic));
+    ASSERT_TRUE(w.StoreSignal(1001, 1, -1, 0, "clock_aux", timed ? 0 : 20));  // shares a prefix
+    ASSERT_TRUE(w.SetTypeInfo(7, kVector4));
+    ASSERT_TRUE(w.StoreBus(7, 2, 0, -1, 0, "data", 0));
+    for (int bit = 0; bit < 4; ++bit) {
+        ASSERT_TRUE(w.SetTypeInfo(20 + bit, kStdLogic));
+        ASSERT_TRUE(w.StoreSignal(20 + bit, 2, 7, bit, "data", bit == 3 ? 5 : 0));
+    }
+    ASSERT_TRUE(w.SetTypeInfo(8, kStates));
+    ASSERT_TRUE(w.StoreSignal(8, 6, -1, 0, "state", 0));
+    ASSERT_TRUE(w.SetTypeInfo(9, "f#4#real"));
+    ASSERT_TRUE(w.StoreSignal(9, 7, -1, 0, "level", 0));
+    ASSERT_TRUE(w.SetTypeInfo(10, "i#7#integer"));
+    ASSERT_TRUE(w.StoreSignal(10, 0, 99, 9, "loose", 0));  // parent 99 is no declared bus: a line of its own
+    ASSERT_TRUE(w.SetTypeInfo(11, kChars));
+    ASSERT_TRUE(w.StoreSignal(11, 3, -1, 0, "a b", 0));
+    ASSERT_TRUE(w.SetTypeInfo(21, kStdLogic));  // the same type again: no new type line
+    ASSERT_TRUE(w.StoreBus(30, -1, 2, -1, 0, "group", 0));
+    ASSERT_TRUE(w.StoreProperty(0, 1000, "VBus", "1"));
+    ASSERT_TRUE(w.StoreProperty(0, 8, "VBus", "1"));
+    ASSERT_TRUE(w.StoreProperty(0, 9, "Hidden", "1"));
+    ASSERT_TRUE(w.StoreProperty(0, 8, "Hidden", "1"));
+    ASSERT_TRUE(w.StoreProperty(0, 9, "Hidden", "1"));  // duplicate handle: written once
+    ASSERT_TRUE(w.StoreProperty(0, -1, "Project", "demo"));
+    ASSERT_TRUE(w.StoreProperty(15, 8, "Comment", "late \"one\""));
+    for (int t = 0; t < 40; ++t) {
+        ASSERT_TRUE(w.SetTime(t * 500));
+        ASSERT_TRUE(Put(w, 1000, 2 + (t & 1)));
+        if (t % 3 == 0) {
+            ASSERT_TRUE(Put(w, 1001, 2 + (t / 3 & 1)));
+        }
+        for (int bit = 0; bit < 4; ++bit) ASSERT_TRUE(Put(w, 20 + bit, 2 + (t >> bit & 1)));
+        if (t % 7 == 0) {
+            ASSERT_TRUE(w.SetDelta(2));
+            ASSERT_TRUE(Put(w, 8, static_cast<std::uint64_t>(t / 7 % 3)));
+        }
+        ASSERT_TRUE(PutReal(w, 9, t * 0.25));
+        ASSERT_TRUE(Put(w, 10, static_cast<std::uint64_t>(-t)));
+        ASSERT_TRUE(Put(w, 11, static_cast<std::uint64_t>(t % 2)));
+        if (t == 13) {
+            ASSERT_TRUE(w.Flush());
+        }
+        if (t == 26) {
+            ASSERT_TRUE(w.Commit());
+            ASSERT_TRUE(w.Resume());
+        }
+    }
+    if (!timed) {
+        ASSERT_TRUE(w.SetDefaultEndTime(20000));
+    }
+    ASSERT_TRUE(w.Commit());
+}
+
+TEST(TarvelWrite, SmallDesignsMatchTheirGoldenFiles) {
+    ScratchFolder folder;
+    for (bool timed : {false, true}) {
+        const std::string path = folder.File(timed ? "timed.twf" : "untimed.twf");
+        Sources sources;
+        ITarvelWrite* w = timed ? CreateStreamWriteTimed(path.c_str(), &sources) : CreateStreamWrite(path.c_str());
+        ASSERT_NE(w, nullptr);
+        WriteDesign(*w, timed);
+        if (timed) {
+            ASSERT_TRUE(w->Resume());
+            ASSERT_TRUE(w->SetTime(30000));
+            for (int s = 1; s <= 4; ++s) {
+                ASSERT_TRUE(w->StoreValueWithSource(1000, reinterpret_cast<const unsigned char*>("\3\0\0\0"), s % 3));
+            }
+            ASSERT_TRUE(w->StoreSource(40));
+            ASSERT_FALSE(w->StoreSource(99) || !w->Flush());  // unknown to the callback: false, no failure
+        }
+        EXPECT_STREQ(w->GetFileName(), path.c_str());
+        ASSERT_TRUE(w->Release());
+        ExpectGolden(timed ? "writer_timed.twf" : "writer_untimed.twf", ReadBytes(path));
+        EXPECT_FALSE(std::ifstream(path + ".log").good());
+    }
+}
+
+// One refusal: the steps that lead to it, its message, as the log must hold it.
+struct Refusal {
+    const char* message;
+    std::function<bool(ITarvelWrite&)> fails;
+};
+
+TEST(TarvelWrite, EveryRefusalLogsItsMessageAloneAndLaterCallsFailQuietly) {
+    const unsigned char one[8] = {3, 0, 0, 0, 0, 0, 0, 0};
+    const std::vector<Refusal> refusals = {
+        {"Invalid typeinfo 'x#1'", [](ITarvelWrite& w) { return w.SetTypeInfo(1, "x#1"); }},
+        {"Two different typeinfos specified for signal 1",
+         [](ITarvelWrite& w) { return w.SetTypeInfo(1, kStdLogic) && w.SetTypeInfo(1, "f#4#real"); }},
+        {"Unknown mode 12", [](ITarvelWrite& w) { return w.SetTypeInfo(1, kStdLogic) && w.StoreSignal(1, 12, -1, 0, "a", 0); }},
+        {"Unknown mode -1", [](ITarvelWrite& w) { return w.StoreSignal(1, -1, -1, 0, "a", 0); }},
+        {"Internal error in StoreSignal(-4)", [](ITarvelWrite& w) { return w.StoreSignal(-4, 0, -1, 0, "a", 0); }},
+        {"Internal error in StoreBus(-2)", [](ITarvelWrite& w) { return w.StoreBus(-2, 0, 2, -1, 0, "a", 0); }},
+        {"Scalar out of range: 4 for signal 5",
+         [](ITarvelWrite& w) { return w.StoreBus(1, 0, 4, -1, 0, "b", 0) && w.StoreSignal(5, 0, 1, 4, "e", 0); }},
+        {"Scalar 1 redefined for handle 6", [](ITarvelWrite& w) {
+             return w.StoreBus(1, 0, 4, -1, 0, "b", 0) && w.StoreSignal(5, 0, 1, 1, "e", 0) && w.StoreSignal(6, 0, 1, 1, "f", 0);
+         }},
+        {"Internal error in StoreProperty(3)", [](ITarvelWrite& w) { return w.StoreProperty(0, 3, "VBus", "1"); }},
+        {"Negative offset in MoveTime", [](ITarvelWrite& w) { return w.MoveTime(0) && w.MoveTime(-1); }},
+        {"SetTime tries to move back in time", [](ITarvelWrite& w) { return w.SetTime(5) && w.SetTime(5) && w.SetTime(4); }},
+        {"SetDelta tries to move back in time", [](ITarvelWrite& w) { return w.SetDelta(3) && w.SetDelta(3) && w.SetDelta(2); }},
+        {"GetValueSize called for unknown handle 77", [](ITarvelWrite& w) { return w.GetValueSize(77) >= 0; }},
+        {"StoreValueWithSource called for unknown handle 77", [&](ITarvelWrite& w) { return w.StoreValue(77, one); }},
+        {"SetEventsStore called for unknown handle 77",
+         [](ITarvelWrite& w) { return w.SetEventsStore(77, KEventsStore()); }},
+        {"SetEventsStore(1) called after StoreValue", [&](ITarvelWrite& w) {
+             return w.SetTypeInfo(1, kStdLogic) && w.StoreValue(1, one) && w.SetEventsStore(1, KEventsStore());
+         }},
+        {"SetEventsStore(1) called for non-scalar",
+         [](ITarvelWrite& w) { return w.SetTypeInfo(1, kVector4) && w.SetEventsStore(1, KEventsStore()); }},
+        {"Cannot convert data 9 0 0 0 to string",
+         [&](ITarvelWrite& w) {
+             const unsigned char nine[4] = {9, 0, 0, 0};
+             return w.SetTypeInfo(1, kStates) && w.StoreValue(1, nine) && w.Flush();
+         }},
+        {"Unknown typeindex 0 for handle 2",
+         [&](ITarvelWrite& w) { return w.StoreSignal(2, 0, -1, 0, "untyped", 0) && w.StoreValue(2, one) && w.Flush(); }},
+    };
+    ScratchFolder folder;
+    int n = 0;
+    for (const Refusal& refusal : refusals) {
+        const std::string path = folder.File("refusal" + std::to_string(n++) + ".twf");
+        ITarvelWrite* w = CreateStreamWrite(path.c_str());
+        ASSERT_NE(w, nullptr);
+        EXPECT_FALSE(refusal.fails(*w)) << refusal.message;
+        EXPECT_EQ(ReadBytes(path + ".log"), refusal.message);
+        // Everything fails from now on, and the log stays as it is.
+        EXPECT_FALSE(w->SetTime(1000000));
+        EXPECT_FALSE(w->SetTypeInfo(500, kStdLogic));
+        EXPECT_FALSE(w->Flush());
+        EXPECT_FALSE(w->Commit());
+        EXPECT_FALSE(w->Release());
+        EXPECT_EQ(ReadBytes(path + ".log"), refusal.message);
+    }
+}
+
+TEST(TarvelWrite, TimedWritersRefuseADefaultEndTimeAndFactoriesRefuseBadPaths) {
+    ScratchFolder folder;
+    const std::string path = folder.File("timed.twf");
+    ITarvelWrite* w = CreateStreamWriteTimed(path.c_str());
+    ASSERT_NE(w, nullptr);
+    EXPECT_FALSE(w->SetDefaultEndTime(5));
+    EXPECT_EQ(ReadBytes(path + ".log"), "SetDefaultEndTime used for timed tarvel");
+    w->Release();
+    const std::string bad = folder.File("no/such/folder/x.twf");
+    EXPECT_EQ(CreateStreamWrite(bad.c_str()), nullptr);
+    const std::string unwritable = folder.path;  // a folder cannot be opened as a file
+    EXPECT_EQ(CreateStreamWrite(unwritable.c_str()), nullptr);
+    EXPECT_EQ(ReadBytes(unwritable + ".log"), "Cannot open output file");
+    std::remove((unwritable + ".log").c_str());
+}
+
+TEST(TarvelWrite, AttachedStoresAndRepeatedIntervalsWriteOneBlockPerInterval) {
+    ScratchFolder folder;
+    const std::string path = folder.File("attached.twf");
+    ITarvelWrite* w = CreateStreamWrite(path.c_str());
+    ASSERT_NE(w, nullptr);
+    ASSERT_TRUE(w->SetTypeInfo(1, "i#7#integer") && w->StoreSignal(1, 0, -1, 0, "a", 0));
+    ASSERT_TRUE(w->SetTypeInfo(2, "i#7#integer") && w->StoreSignal(2, 0, -1, 0, "b", 0));
+    KEventsStore store;
+    store.SetSize(4);
+    const unsigned char five[4] = {5, 0, 0, 0};
+    store.push_back(100, 0, five);
+    store.push_end(100, 0);
+    ASSERT_TRUE(w->SetEventsStore(1, store) && w->SetEventsStore(2, store));  // equal stores: one block
+    ASSERT_TRUE(w->Flush());
+    ASSERT_TRUE(w->Flush());  // nothing stored: nothing written
+    ASSERT_TRUE(w->SetTime(200) && Put(*w, 1, 6));
+    ASSERT_TRUE(w->SetEventsStore(2, store));  // accepted again after the flush
+    ASSERT_TRUE(w->Release());
+    const std::string text = ReadBytes(path);
+    EXPECT_NE(text.find("$WAVES 1 2\r\nT 100\r\n$VALUES\r\nV 1\r\n5\r\n$END\r\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("$WAVES 1\r\nT 200\r\n$VALUES\r\nV 1\r\n6\r\n$END\r\n"), std::string::npos) << text;
+    EXPECT_EQ(text.find("$SOURCES"), std::string::npos);
+}
+
+// The crash test at the level of the writer object: a child stores values and commits in a
+// loop and reports every commit; every file left behind must consist of complete lines up to a
+// final terminator or a commit mark, holding at least the end-time lines of the commits seen.
+TEST(TarvelWrite, KilledWritersLeaveFilesCompleteUpToTheirLastCommit) {
+    const char* given = std::getenv("TARVEL_CRASH_SEED");
+    const std::uint64_t seed = given ? std::stoull(given) : std::random_device{}();
+    SCOPED_TRACE("seed " + std::to_string(seed) + " (rerun with TARVEL_CRASH_SEED)");
+    std::mt19937_64 random(seed);
+    ScratchFolder folder;
+    for (int kill = 0; kill < 200; ++kill) {
+        const std::string path = folder.File("crash" + std::to_string(kill) + ".twf");
+        int record[2];
+        ASSERT_EQ(pipe(record), 0);
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            close(record[0]);
+            ITarvelWrite* w = CreateStreamWriteTimed(path.c_str());
+            if (!w) _exit(2);
+            for (int h = 0; h < 50; ++h) w->SetTypeInfo(h, kStdLogic), w->StoreSignal(h, 2, -1, 0, "s", 0);
+            std::mt19937 values(static_cast<unsigned>(kill));
+            for (std::int32_t commit = 1;; ++commit) {
+                for (int step = 0; step < 40; ++step) {
+                    w->MoveTime(1 + values() % 50);
+                    const unsigned v = 2 + values() % 2;
+                    w->StoreValue(static_cast<int>(values() % 50), reinterpret_cast<const unsigned char*>(&v));
+                }
+                if (!w->Commit() || !w->Resume()) _exit(3);
+                if (write(record[1], &commit, sizeof commit) != sizeof commit) _exit(4);
+            }
+        }
+        close(record[1]);
+        usleep(static_cast<useconds_t>(random() % 8000));
+        ::kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+        std::int32_t committed = 0;
+        for (std::int32_t c; read(record[0], &c, sizeof c) == sizeof c;) committed = c;
+        close(record[0]);
+        const std::string bytes = ReadBytes(path);
+        if (committed == 0 && bytes.find("$ENDWAVE") == std::string::npos) continue;  // killed before a commit
+        ASSERT_EQ(bytes.rfind("$WAVE4TIMED\r\n", 0), 0u) << "kill " << kill;
+        std::size_t at = 0, endTimes = 0;
+        bool ended = false;
+        while (at < bytes.size()) {
+            const std::size_t end = bytes.find("\r\n", at);
+            ASSERT_NE(end, std::string::npos) << "kill " << kill << ": cut line before the commit point";
+            const std::string line = bytes.substr(at, end - at);
+            if (line[0] == ':' || line == "$ENDWAVE") {
+                ended = true;
+                if (line == "$ENDWAVE") {
+                    EXPECT_EQ(end + 2, bytes.size()) << "kill " << kill << ": bytes after the terminator";
+                }
+                break;
+            }
+            endTimes += line.rfind("$ENDTIME", 0) == 0;
+            at = end + 2;
+        }
+        EXPECT_TRUE(ended) << "kill " << kill;
+        EXPECT_GE(endTimes, static_cast<std::size_t>(committed)) << "kill " << kill << ": a commit was lost";
+    }
+}
+
+}  // namespace
+}  // namespace Tarvel::Testing
