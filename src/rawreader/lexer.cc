@@ -43,6 +43,7 @@ KLexer::~KLexer() { Close(); }
 // ---- File and buffer ---------------------------------------------------------------------------
 
 bool KLexer::Open(const char* fileName) noexcept {
+    Close();
     file_ = Platform::OpenInputFile(fileName);
     next_ = end_ = buffer_;
     endPosition_ = 0;
@@ -107,15 +108,17 @@ bool KLexer::ReadDigits(int& c, std::uint64_t limit, std::uint64_t& magnitude) n
     const std::uint64_t tenth = limit / 10;
     const std::uint64_t lastDigit = limit % 10;
     std::uint64_t value = 0;
+    int current = c;  // a local copy, so that the loop keeps it in a register
     do {
-        const auto digit = static_cast<unsigned>(c - '0');
+        const auto digit = static_cast<unsigned>(current - '0');
         // value * 10 + digit > limit, asked without overflowing.
-        if (value >= tenth && (value > tenth || digit > lastDigit)) return false;
+        if (value >= tenth && (value > tenth || digit > lastDigit)) break;
         value = value * 10 + digit;
-        c = Next();
-    } while (IsDigit(c));
+        current = Next();
+    } while (IsDigit(current));
+    c = current;
     magnitude = value;
-    return true;
+    return !IsDigit(current);
 }
 
 bool KLexer::ReadSignedDigits(int& c, std::int32_t& value) noexcept {

@@ -70,8 +70,8 @@ public:
 
     // ---- File ----
     // Opens `fileName` for binary reading and starts at its first byte with an empty buffer, no
-    // saved position and a last relative number of 0. REQUIRES: no file open. False when the
-    // file cannot be opened.
+    // saved position and a last relative number of 0 (a file still open is closed first). False
+    // when the file cannot be opened.
     bool Open(const char* fileName) noexcept;
     bool IsOpen() const noexcept { return file_ != nullptr; }
     // Closes the file and empties the buffer; reads then give kEnd. Nothing happens when closed.

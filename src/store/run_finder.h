@@ -112,6 +112,14 @@ private:
     template <class Sink>
     void PushLiteral(const T& item, Sink& sink) {
         const unsigned n = m_count;
+        // Irregular data: the item repeats none of the last four, so no period goes on.
+        if (n >= kMaxRunPattern && item != m_items[n - 1] && item != m_items[n - 2] && item != m_items[n - 3] &&
+            item != m_items[n - 4]) {
+            for (unsigned& m : m_matches) m = 0;
+            m_items[m_count++] = item;
+            if (m_count == kCapacity) ShiftWindow(sink);
+            return;
+        }
         for (unsigned length = 1; length <= kMaxRunPattern; ++length) {
             unsigned& m = m_matches[length - 1];
             m = (n >= length && item == m_items[n - length]) ? m + 1 : 0;
@@ -123,11 +131,15 @@ private:
                 return;
             }
         }
-        if (m_count == kCapacity) {
-            sink.Literals(m_items, Batch);
-            for (unsigned i = 0; i < kKeep; ++i) m_items[i] = m_items[Batch + i];
-            m_count = kKeep;
-        }
+        if (m_count == kCapacity) ShiftWindow(sink);
+    }
+
+    // Hands the oldest Batch items over and keeps the newest kKeep for the search.
+    template <class Sink>
+    void ShiftWindow(Sink& sink) {
+        sink.Literals(m_items, Batch);
+        for (unsigned i = 0; i < kKeep; ++i) m_items[i] = m_items[Batch + i];
+        m_count = kKeep;
     }
 
     template <class Sink>

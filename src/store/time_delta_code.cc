@@ -44,19 +44,27 @@ constexpr unsigned char kZeroCodes[4] = {56, 58, 59, 92};
 constexpr unsigned char kOneCodes[4] = {57, 60, 61, 62};
 
 // The scaled form of `difference` (>= 2): the smallest group with a 1-byte mantissa, else the
-// smallest with a 2-byte one. Returns false when no group represents it exactly.
+// smallest with a 2-byte one. Returns false when no group represents it exactly. The divisors
+// are constants so that no division instruction runs on this per-step path.
+template <std::uint32_t Scale>
+bool TryScale(std::uint64_t difference, std::uint64_t limit, unsigned group, unsigned* found, std::uint64_t* mantissa) {
+    if (difference % Scale != 0 || difference / Scale > limit) return false;
+    *found = group;
+    *mantissa = difference / Scale;
+    return true;
+}
+
+bool FindScaledWithin(std::uint64_t difference, std::uint64_t limit, unsigned* group, std::uint64_t* mantissa) {
+    return TryScale<2>(difference, limit, 0, group, mantissa) || TryScale<10>(difference, limit, 1, group, mantissa) ||
+           TryScale<100>(difference, limit, 2, group, mantissa) || TryScale<1000>(difference, limit, 3, group, mantissa) ||
+           TryScale<10000>(difference, limit, 4, group, mantissa) ||
+           TryScale<100000>(difference, limit, 5, group, mantissa) ||
+           TryScale<1000000>(difference, limit, 6, group, mantissa);
+}
+
 bool FindScaled(std::uint64_t difference, unsigned* group, std::uint64_t* mantissa) {
-    for (unsigned limitBytes = 1; limitBytes <= 2; ++limitBytes) {
-        const std::uint64_t limit = limitBytes == 1 ? 0xFF : 0xFFFF;
-        for (unsigned g = 0; g < 7; ++g) {
-            if (difference % kScales[g] == 0 && difference / kScales[g] <= limit) {
-                *group = g;
-                *mantissa = difference / kScales[g];
-                return true;
-            }
-        }
-    }
-    return false;
+    static_assert(kScales[0] == 2 && kScales[6] == 1000000, "scale groups");
+    return FindScaledWithin(difference, 0xFF, group, mantissa) || FindScaledWithin(difference, 0xFFFF, group, mantissa);
 }
 
 }  // namespace

@@ -156,22 +156,29 @@ bool KLineWriter::PutIndexList(const std::int32_t* values, std::size_t count) {
 }
 
 bool KLineWriter::PutFullTimePoint(std::int64_t step, int delta) {
+    return PutFormattedTimePoint(FormatEventTime(step).View(), delta);
+}
+
+// "T step" or "D step delta", the step already formatted.
+bool KLineWriter::PutFormattedTimePoint(std::string_view step, int delta) {
     if (delta == 0) {
-        return stream_.Put(Format::kPointDeltaZero) && PutSpace() && PutEventTime(step);
+        const char lead[2] = {Format::kPointDeltaZero, ' '};
+        return stream_.Write(lead, 2) && stream_.Write(step);
     }
-    return stream_.Put(Format::kPointWithDelta) && PutSpace() && PutEventTime(step) && PutSpace() &&
-           PutInteger(delta);
+    const char lead[2] = {Format::kPointWithDelta, ' '};
+    return stream_.Write(lead, 2) && stream_.Write(step) && PutSpace() && PutInteger(delta);
 }
 
 bool KLineWriter::PutTimePoint(std::int64_t step, int delta) {
     // Length of the point in full: "T " or "D ", the step, and " delta" for a delta.
-    std::size_t fullLength = 2 + FormatEventTime(step).length;
+    const Formatted text = FormatEventTime(step);
+    std::size_t fullLength = 2 + text.length;
     if (delta != 0) fullLength += 1 + FormatNumber(delta).length;
     const KTimePointDictionary::Use use = dictionary_.Lookup(step, delta, fullLength);
-    if (use.slot < 0) return PutFullTimePoint(step, delta);
+    if (use.slot < 0) return PutFormattedTimePoint(text.View(), delta);
     if (!use.taken) return stream_.Put(Format::kPointKnown) && PutInteger(use.slot);
     return stream_.Put(Format::kPointTaken) && PutInteger(use.slot) && PutSpace() &&
-           PutFullTimePoint(step, delta);
+           PutFormattedTimePoint(text.View(), delta);
 }
 
 // ---- Header and declarations -----------------------------------------------------------------

@@ -132,6 +132,7 @@ private:
     bool PutDeclarationFields(const DeclarationFields& fields);
     bool PutItem(std::int32_t first, std::int64_t last, std::int64_t step);
     bool PutFullTimePoint(std::int64_t step, int delta);
+    bool PutFormattedTimePoint(std::string_view step, int delta);
 
     KOutputStream& stream_;
     IErrorReport& reporter_;

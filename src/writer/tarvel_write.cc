@@ -470,18 +470,24 @@ struct FlushGroupKey {
 };
 
 bool KTarvelWrite::WriteChangedStores() {
-    Map<FlushGroupKey, Vector<std::int32_t>> groups;
-    for (std::int32_t handle : m_changed) {
-        HandleEntry* entry = m_handles.Find(handle);
-        entry->store.push_end(m_time, static_cast<int>(m_delta));
-        entry->changed = false;
-        entry->sized = false;
-        if (!m_types.Find(entry->typeIndex)) return ReportError("Unknown typeindex %d for handle %d", entry->typeIndex, handle);
-        groups[FlushGroupKey{entry->typeIndex, entry->store}].push_back(handle);
-    }
-    m_dirty = false;
-    for (const auto& group : groups) {
-        if (!WriteBlock(group.first.typeIndex, group.first.store, group.second)) return ReportError("");
+    {
+        // The groups hold copies of the stores; they must be gone before the stores are emptied,
+        // or every store would be shared and emptying it would copy it.
+        Map<FlushGroupKey, Vector<std::int32_t>> groups;
+        for (std::int32_t handle : m_changed) {
+            HandleEntry* entry = m_handles.Find(handle);
+            entry->store.push_end(m_time, static_cast<int>(m_delta));
+            entry->changed = false;
+            entry->sized = false;
+            if (!m_types.Find(entry->typeIndex)) {
+                return ReportError("Unknown typeindex %d for handle %d", entry->typeIndex, handle);
+            }
+            groups[FlushGroupKey{entry->typeIndex, entry->store}].push_back(handle);
+        }
+        m_dirty = false;
+        for (const auto& group : groups) {
+            if (!WriteBlock(group.first.typeIndex, group.first.store, group.second)) return ReportError("");
+        }
     }
     for (std::int32_t handle : m_changed) m_handles.Find(handle)->store.clear();
     m_changed.clear();
