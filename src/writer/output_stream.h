@@ -106,6 +106,8 @@ public:
     // Position of the last terminator written by Commit; 0 before the first commit, -1 when the
     // position could not be taken.
     std::int64_t CommitPosition() const noexcept { return commitPosition_; }
+    // True when the file ends with the terminator of a commit that was not resumed since.
+    bool EndsWithTerminator() const noexcept { return resumable_ && file_ != nullptr; }
 
 private:
     bool WriteSlow(const char* data, std::size_t size);

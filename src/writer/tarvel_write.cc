@@ -130,7 +130,13 @@ bool KTarvelWrite::Release() {
     if (--m_references > 0) return true;
     // The last release commits rather than only flushing: a released file always ends with its
     // terminator, so nothing the caller wrote stays hidden behind a commit mark or unreadable.
-    const bool flushed = Commit();
+    // A file that ends with a commit and has nothing pending is complete as it is.
+    const bool pending = m_dirty || m_pendingBus >= 0 || !m_pendingProperties.empty();
+    bool flushed = !m_failed;
+    if (!m_stream.EndsWithTerminator() || pending) {
+        if (m_stream.EndsWithTerminator()) flushed = Resume();
+        flushed = flushed && Commit();
+    }
     const bool closed = m_stream.Close();
     KTarvelWrite* self = this;
     DestroyObject(self);
@@ -463,8 +469,11 @@ bool KTarvelWrite::FlushAll() {
 struct FlushGroupKey {
     std::int32_t typeIndex;
     KEventsStore store;
+    // By type index, then by store; stores are taken in the order their bodies were made (a
+    // serial number), which keeps the order of the blocks the same from run to run.
     bool operator<(const FlushGroupKey& other) const {
         if (typeIndex != other.typeIndex) return typeIndex < other.typeIndex;
+        if (store.GetNr() != other.store.GetNr()) return store.GetNr() < other.store.GetNr();
         return store < other.store;
     }
 };
