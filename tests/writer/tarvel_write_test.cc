@@ -12,6 +12,8 @@
 #include <random>
 
 #include "format_test_support.h"
+#include "foundation/memory.h"
+#include "foundation/platform.h"
 #include "tarvel/tarvel.h"
 
 namespace Tarvel::Testing {
@@ -228,6 +230,28 @@ TEST(TarvelWrite, AttachedStoresAndRepeatedIntervalsWriteOneBlockPerInterval) {
     EXPECT_NE(text.find("$WAVES 1 2\r\nT 100\r\n$VALUES\r\nV 1\r\n5\r\n$END\r\n"), std::string::npos) << text;
     EXPECT_NE(text.find("$WAVES 1\r\nT 200\r\n$VALUES\r\nV 1\r\n6\r\n$END\r\n"), std::string::npos) << text;
     EXPECT_EQ(text.find("$SOURCES"), std::string::npos);
+}
+
+// A heap that refuses every request: the writer's next allocation runs out of memory.
+void* NoAllocate(std::size_t) { return nullptr; }
+void* NoReallocate(void*, std::size_t) { return nullptr; }
+void PlainFree(void* block) { std::free(block); }
+
+TEST(TarvelWrite, ExhaustedMemoryIsTheFirstFailureOutOfMemory) {
+    ScratchFolder folder;
+    const std::string path = folder.File("oom.twf");
+    ITarvelWrite* w = CreateStreamWrite(path.c_str());
+    ASSERT_NE(w, nullptr);
+    ASSERT_TRUE(w->SetTypeInfo(1, "i#7#integer") && w->StoreSignal(1, 0, -1, 0, "a", 0));
+    const Platform::HeapHooks failing{NoAllocate, NoReallocate, PlainFree};
+    Platform::SetHeapHooks(&failing);
+    bool stored = true;
+    for (int i = 0; stored && i < 100000; ++i) stored = w->SetTime(i) && Put(*w, 1, static_cast<std::uint64_t>(i * 7919));
+    Platform::SetHeapHooks(nullptr);
+    PrepareOutOfMemoryBuffer();
+    EXPECT_FALSE(stored);
+    EXPECT_EQ(ReadBytes(path + ".log"), "Out of memory");
+    EXPECT_FALSE(w->Release());
 }
 
 // The crash test at the level of the writer object: a child stores values and commits in a
