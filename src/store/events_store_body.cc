@@ -182,6 +182,16 @@ KEventsStoreBody* NewBody() {
     return body;
 }
 
+// Copies a body the caller pinned (raised its count for); on failure the pin is released.
+KEventsStoreBody* CopyPinned(KEventsStoreBody* pinned) {
+    try {
+        return CopyBody(*pinned);
+    } catch (...) {
+        ReleaseBody(pinned);
+        throw;
+    }
+}
+
 }  // namespace
 
 KEventsStoreBody* EmptyBody() {
@@ -262,13 +272,7 @@ void ModifyShared(KEventsStoreBody** handleBody, const ModificationRecord& recor
         modification.Apply(*body);
         return;
     }
-    KEventsStoreBody* copy = nullptr;
-    try {
-        copy = CopyBody(*body);
-    } catch (...) {
-        ReleaseBody(body);
-        throw;
-    }
+    KEventsStoreBody* copy = CopyPinned(body);
     try {
         modification.Apply(*copy);
     } catch (...) {
@@ -318,13 +322,7 @@ void MakePrivate(KEventsStoreBody** handleBody) {
         }
         AddRefLocked(body);
     }
-    KEventsStoreBody* copy = nullptr;
-    try {
-        copy = CopyBody(*body);
-    } catch (...) {
-        ReleaseBody(body);
-        throw;
-    }
+    KEventsStoreBody* copy = CopyPinned(body);
     {
         StoreLockGuard guard;
         ReleaseLocked(body);
