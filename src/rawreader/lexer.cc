@@ -20,9 +20,10 @@ bool CanStartNumber(int c) noexcept {
     return KLexer::IsDigit(c) || c == '-' || c == Format::kRelativePrefix;
 }
 
-bool EndsBareString(unsigned char c) noexcept { return KLexer::IsSpace(c) || c == '='; }
-
-bool EndsQuotedSpan(unsigned char c) noexcept { return c == Format::kQuote || c == Format::kEscape; }
+// Stop tests of the string scans; lambdas (not function pointers) so that the scans inline them.
+constexpr auto kEndsWord = [](unsigned char c) noexcept { return KLexer::IsSpace(c); };
+constexpr auto kEndsBareString = [](unsigned char c) noexcept { return KLexer::IsSpace(c) || c == '='; };
+constexpr auto kEndsQuotedSpan = [](unsigned char c) noexcept { return c == Format::kQuote || c == Format::kEscape; };
 
 // Appends a to b in steps of `step` (counting down when a >= b); 64-bit so that no step past
 // either end of the 32-bit range can overflow.
@@ -71,11 +72,6 @@ int KLexer::NextSlow() noexcept {
     return *next_++;
 }
 
-void KLexer::SavePosition() noexcept {
-    savedPosition_ = Position();
-    hasSaved_ = true;
-}
-
 bool KLexer::RestorePosition() noexcept {
     if (!hasSaved_) return true;
     next_ = end_ = buffer_;
@@ -87,7 +83,7 @@ bool KLexer::RestorePosition() noexcept {
 
 // ---- Line structure ----------------------------------------------------------------------------
 
-bool KLexer::EndOfLine(int& c) noexcept {
+bool KLexer::EndOfLineAfterBlanks(int& c) noexcept {
     while (c != '\n') {
         if (!IsSpace(c)) return false;  // kEnd included
         c = Next();
@@ -104,15 +100,14 @@ bool KLexer::Expect(int& c, int wanted) noexcept {
 
 // ---- Numbers -----------------------------------------------------------------------------------
 
-bool KLexer::ReadDigits(int& c, std::uint64_t limit, std::uint64_t& magnitude) noexcept {
-    const std::uint64_t tenth = limit / 10;
-    const std::uint64_t lastDigit = limit % 10;
+template <std::uint64_t kTenth>
+inline bool KLexer::ReadDigits(int& c, unsigned lastDigit, std::uint64_t& magnitude) noexcept {
     std::uint64_t value = 0;
     int current = c;  // a local copy, so that the loop keeps it in a register
     do {
         const auto digit = static_cast<unsigned>(current - '0');
         // value * 10 + digit > limit, asked without overflowing.
-        if (value >= tenth && (value > tenth || digit > lastDigit)) break;
+        if (value >= kTenth && (value > kTenth || digit > lastDigit)) break;
         value = value * 10 + digit;
         current = Next();
     } while (IsDigit(current));
@@ -121,11 +116,11 @@ bool KLexer::ReadDigits(int& c, std::uint64_t limit, std::uint64_t& magnitude) n
     return !IsDigit(current);
 }
 
-bool KLexer::ReadSignedDigits(int& c, std::int32_t& value) noexcept {
+inline bool KLexer::ReadSignedDigits(int& c, std::int32_t& value) noexcept {
     const bool negative = c == '-';
     if (negative) c = Next();
     std::uint64_t magnitude = 0;
-    if (!IsDigit(c) || !ReadDigits(c, kInt32Max + (negative ? 1 : 0), magnitude)) return false;
+    if (!IsDigit(c) || !ReadDigits<kInt32Max / 10>(c, kInt32Max % 10 + negative, magnitude)) return false;
     // Modulo 2^32: -2^31 comes out of the unsigned negation exactly.
     value = static_cast<std::int32_t>(static_cast<std::uint32_t>(negative ? 0 - magnitude : magnitude));
     return true;
@@ -153,9 +148,9 @@ bool KLexer::ReadWide(int& c, std::int64_t& value) noexcept {
     if (!SkipBlanks(c)) return false;
     const bool negative = c == '-';
     if (negative) c = Next();
-    const std::uint64_t limit = kInt64Max + (negative ? 1 : 0);
+    const std::uint64_t limit = kInt64Max + negative;
     std::uint64_t magnitude = 0;
-    if (!IsDigit(c) || !ReadDigits(c, limit, magnitude)) return false;
+    if (!IsDigit(c) || !ReadDigits<kInt64Max / 10>(c, kInt64Max % 10 + negative, magnitude)) return false;
     if (c == Format::kThousandsSuffix) {
         constexpr auto kThousand = static_cast<std::uint64_t>(Format::kThousand);
         if (magnitude > limit / kThousand) return false;  // c stays on the "k"
@@ -210,13 +205,13 @@ bool KLexer::ReadWord(int& c, String& word) {
     word.clear();
     if (c == kEnd || IsSpace(c)) return false;
     word.push_back(static_cast<char>(c));
-    c = AppendUntil(word, [](unsigned char b) { return IsSpace(b); });
+    c = AppendUntil(word, kEndsWord);
     return true;
 }
 
 bool KLexer::ReadQuoted(int& c, String& text) {
     for (;;) {
-        c = AppendUntil(text, EndsQuotedSpan);
+        c = AppendUntil(text, kEndsQuotedSpan);
         if (c == Format::kQuote) break;
         if (c == kEnd) return false;
         c = Next();  // the character after a backslash, taken as it is
@@ -246,9 +241,9 @@ bool KLexer::ReadString(int& c, String& text) {
     if (!SkipBlanks(c)) return false;
     if (c == Format::kQuote) return ReadQuoted(c, text);
     if (c == kCharacterQuote) return ReadCharacterLiteral(c, text);
-    if (EndsBareString(static_cast<unsigned char>(c))) return false;
+    if (kEndsBareString(static_cast<unsigned char>(c))) return false;
     text.push_back(static_cast<char>(c));
-    c = AppendUntil(text, EndsBareString);
+    c = AppendUntil(text, kEndsBareString);
     return true;
 }
 

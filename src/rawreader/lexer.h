@@ -91,8 +91,11 @@ public:
         return c != '\n' && c != kEnd;
     }
     // Skips whitespace from `c` up to a line feed: true with `c` the line feed (not read past).
-    // False at a non-blank character or kEnd.
-    bool EndOfLine(int& c) noexcept;
+    // False at a non-blank character or kEnd. LF and CR LF are decided inline.
+    bool EndOfLine(int& c) noexcept {
+        if (c == '\r') c = Next();
+        return c == '\n' || EndOfLineAfterBlanks(c);
+    }
     // As EndOfLine, but kEnd is a line end as well (for the last line of a file).
     bool EndOfLineOrFile(int& c) noexcept;
     // Skips whitespace other than LF from `c`; true when `c` is then `wanted`. Does not consume
@@ -122,8 +125,9 @@ public:
     // Index list: clears `list`, then reads items until the line holds no further number (LF,
     // kEnd, or a character that cannot start a number is left in `c`; an empty list is fine).
     // An item is a relative integer a, a range a-b of relative integers (step 1), or a-b/s with a
-    // plain step s >= 1; a range counts down when a >= b and holds a, a-+s, ... up to b. A "-"
-    // starts a range only right after a number. Fails on a malformed number or a step below 1.
+    // plain step s >= 1: a, a+s, a+2s, ... while not past b, counting down (a, a-s, ...) when
+    // a >= b. A "-" starts a range only right after a number; the range end becomes the last
+    // relative number, the step does not. Fails on a malformed number or a step below 1.
     bool ReadIndexList(int& c, Vector<std::int32_t>& list);
 
     std::int32_t LastRelative() const noexcept { return lastRelative_; }
@@ -134,7 +138,10 @@ public:
     // minus those still unread in the buffer.
     std::int64_t Position() const noexcept { return endPosition_ - (end_ - next_); }
     // Records Position() as the saved position. The buffer stays; nothing is asked of the file.
-    void SavePosition() noexcept;
+    void SavePosition() noexcept {
+        savedPosition_ = Position();
+        hasSaved_ = true;
+    }
     bool HasSavedPosition() const noexcept { return hasSaved_; }
     std::int64_t SavedPosition() const noexcept { return savedPosition_; }
     // Without a saved position: true, nothing moves. Otherwise seeks the file to the saved
@@ -146,11 +153,13 @@ public:
 
 private:
     int NextSlow() noexcept;
+    bool EndOfLineAfterBlanks(int& c) noexcept;
     // Reads the next block into the buffer. False when nothing arrived (end of file or no file).
     bool Refill() noexcept;
     // Accumulates the digits starting at `c` (a digit); fails with `c` on the digit that takes
-    // the magnitude above `limit`.
-    bool ReadDigits(int& c, std::uint64_t limit, std::uint64_t& magnitude) noexcept;
+    // the magnitude above the limit kTenth * 10 + lastDigit.
+    template <std::uint64_t kTenth>
+    bool ReadDigits(int& c, unsigned lastDigit, std::uint64_t& magnitude) noexcept;
     // "-"? digits, within the 32-bit range; no blanks skipped.
     bool ReadSignedDigits(int& c, std::int32_t& value) noexcept;
     // Appends the bytes after `c` to `out` up to the first byte for which `stop` is true, and
