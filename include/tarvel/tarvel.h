@@ -7,5 +7,6 @@
 #include <tarvel/events_store.h>
 #include <tarvel/sourcer.h>
 #include <tarvel/writer.h>
+#include <tarvel/raw_reader.h>
 
 #endif  // TARVEL_TARVEL_H

@@ -1,0 +1,180 @@
+// KRawTarvelRead: the reader behind IRawTarvelRead. It parses a waveform file line by line
+// through the lexer into signal entries (with their events stores), a type table, properties and
+// the source table, and keeps the file open to read on after a commit mark. Raw reader layer;
+// one thread at a time.
+#ifndef TARVEL_RAWREADER_RAW_READER_H
+#define TARVEL_RAWREADER_RAW_READER_H
+
+#include <cstdint>
+#include <utility>
+
+#include "foundation/memory.h"
+#include "rawreader/lexer.h"
+#include "store/time_delta_code.h"
+#include "tarvel/raw_reader.h"
+#include "typeinfo/type_service.h"
+
+namespace Tarvel {
+
+class KRawTarvelRead;
+class KBlockSteps;
+
+// One signal of the file (a signal, a bus, an element of a bus or a virtual bus).
+struct SignalEntry {
+    std::int32_t number = 0;       // the signal's handle in the file
+    std::int32_t typeId = -1;      // type index of its "I" line; -1 for none
+    std::int32_t mode = 0;         // port mode number
+    std::int32_t parent = -1;      // handle of its parent (bus, virtual bus or declared parent)
+    std::int32_t position = 0;     // position among the parent's children
+    bool isBus = false;            // declared with "$BUS"
+    bool isVirtual = false;        // a virtual bus
+    int64 endTime = 0;             // declaration time, or the time an "$ENDSC" line gave
+    int64 lastTime = 0;            // absolute time of its last event read so far
+    String name;                   // declared name, or the element's name within its bus
+    Vector<std::int32_t> children;  // handles of its elements or members, in position order
+    TypeHandle type;               // its type, for value text (elements: the bus's element type)
+    KEventsStore store;            // its events
+};
+
+// One "P" line.
+struct PropertyRecord {
+    Vector<std::int32_t> signals;  // handles of the line, in file order
+    int64 time = 0;
+    String name;
+    String value;
+};
+
+// The iteration state behind SignalIterator, shared by copies until one advances.
+struct SignalCursor {
+    unsigned count = 1;                 // iterators sharing this cursor
+    const KRawTarvelRead* reader;       // the reader whose signals are walked
+    int index = 0;                      // position in declaration order
+};
+
+// The iteration state behind PropertyIterator, owned by one iterator.
+struct PropertyCursor {
+    Property current{};                  // the property the iterator stands on
+    const KRawTarvelRead* reader;        // the reader whose properties are walked
+    std::size_t record = 0;              // index of the "P" line
+    std::size_t signal = 0;              // index within that line's signals
+};
+
+class KRawTarvelRead final : public IRawTarvelRead {
+public:
+    KRawTarvelRead();
+    ~KRawTarvelRead() override;
+
+    // Opens `fileName`, reads its header and parses it; false when the file is not readable.
+    bool Open(const char* fileName);
+
+    int64 GetResolution() override { return m_resolution; }
+    int64 GetEndTime() override { return m_endTime < 0 ? 0 : m_endTime; }
+    bool IsTimed() override { return m_timed; }
+    SignalIterator FindSignal(int signalNr) override;
+    SignalIterator BeginSignals() override;
+    SignalIterator EndSignals() override { return SignalIterator(); }
+    bool GetSignalPlace(SignalIterator signal, int* childCount, int64* endTime, char* name, int* nameSize,
+                        SignalIterator* parent, int* position) override;
+    bool GetSignalPlace(int signalNr, int* childCount, int64* endTime, char* name, int* nameSize,
+                        SignalIterator* parent, int* position) override;
+    int GetTypeId(SignalIterator signal) override;
+    int GetTypeId(int signalNr) override;
+    const char* GetProperty(SignalIterator signal, const char* name) override;
+    const char* GetProperty(int signalNr, const char* name) override;
+    const KEventsStore* GetSignalData(SignalIterator signal) override;
+    const KEventsStore* GetSignalData(int signalNr) override;
+    PropertyIterator BeginProperties() override;
+    PropertyIterator EndProperties() override { return PropertyIterator(); }
+    const std::pair<int, const char*>* BeginTypes() override;
+    const std::pair<int, const char*>* EndTypes() override;
+    const char* GetTypeInfo(int typeId) override;
+    bool Continue() override;
+    const KSourcer& GetSourcer() override { return m_sourcer; }
+
+    // For the iterators.
+    std::size_t SignalCount() const { return m_signals.size(); }
+    std::int32_t HandleAt(std::size_t index) const { return m_signals[index].number; }
+    // Fills `cursor` with the property at its record and signal index; false past the end.
+    bool SeatProperty(PropertyCursor& cursor) const;
+    void CloseFile() { m_lexer.Close(); }
+
+private:
+    // Parsing (raw_reader.cc).
+    bool ReadHeader();
+    bool ParseLines();
+    bool ParseLine(int c, bool* stop);
+    bool ParseKeyword(int& c, bool* stop);
+    bool ParseDeclaration(int& c, int mode, bool bus);
+    bool ParseVersion2Tail(int& c, SignalEntry& entry, bool hasX, std::int32_t x);
+    bool ParseTypeLine(int& c);
+    bool ParseProperty(int& c);
+    bool ParseElement(int& c);
+    bool ParseElementList(int& c, std::int32_t bus);
+    bool ParseElementEnd(int& c);
+    bool ParseChild(int& c);
+    bool ParseSourceFile(int& c);
+    bool ParseSourceLine(int& c);
+    bool SkipLine(int& c);
+    bool ParseOldLayout();
+    bool ParseOldEvents(int& c, std::int32_t handle);
+
+    // Event blocks (waves_block.cc).
+    bool ParseWaves(int& c);
+    bool ParseBlockInto(int& c, SignalEntry& entry, const SignalEntry& typed);
+    bool ParseTimePart(int& c, KBlockSteps& steps);
+    bool ParsePoint(int& c, TimeDelta* point);
+    bool ParseValuePart(int& c, KEventsStore& store, const SignalEntry& typed);
+    bool ParseValue(int& c, const SignalEntry& typed, unsigned char* bytes);
+    bool ParseSourcePart(int& c, KEventsStore& store, std::uint32_t eventsBefore);
+    bool ExpectKeyword(int& c, const char* word);
+    void SizeStore(SignalEntry& entry);
+
+    // Lookups.
+    SignalEntry* Find(std::int32_t handle);
+    const SignalEntry* Find(std::int32_t handle) const;
+    const SignalEntry* EntryOf(const SignalIterator& it) const;
+    SignalEntry& Declare(std::int32_t handle);
+    const TypeHandle* TypeOf(std::int32_t typeId) const;
+    std::int32_t TypeIdOf(const char* text) const;
+    SignalIterator IteratorAt(std::size_t index) const;
+    bool Place(const SignalEntry* entry, int* childCount, int64* endTime, char* name, int* nameSize,
+               SignalIterator* parent, int* position);
+    const char* PropertyOf(const SignalEntry* entry, std::int32_t handle, const char* name) const;
+    void Attach(std::int32_t parent, std::int32_t child, std::int32_t position);
+
+    KLexer m_lexer;
+    String m_fileName;
+    int m_version = -1;          // 1, 2 or 4
+    bool m_timed = false;
+    int64 m_resolution = 1000;
+    int64 m_endTime = -1;        // "$ENDTIME"; -1 when absent
+    int64 m_defaultEndTime = 0;  // untimed files: "$ENDTIME" too
+    bool m_stoppedAtMark = false;  // the last parse stopped at a commit mark or the terminator
+    Vector<SignalEntry> m_signals;               // in declaration order
+    Map<std::int32_t, std::size_t> m_index;      // handle -> entry index
+    struct TypeEntry {
+        std::int32_t id;
+        TypeHandle type;
+        String text;
+    };
+    Vector<TypeEntry> m_types;                   // in file order
+    Map<std::int32_t, std::size_t> m_typeIndex;  // type id -> m_types index
+    std::int32_t m_stdLogic = -1;                // id of the first std_logic type line
+    Vector<std::pair<int, const char*>> m_typeList;  // built on first use
+    Vector<PropertyRecord> m_properties;         // in file order
+    Map<std::int32_t, Vector<std::size_t>> m_propertiesOf;  // handle -> its property records
+    KSourcer m_sourcer;
+    std::int32_t m_currentBus = -1;              // the bus declared last ("$SC")
+    Map<std::int32_t, std::int32_t> m_elementPositions;  // "S" lines waiting for their list
+    String m_previousName;                       // for compressed names
+    String m_scratch;                            // working space of ReadName
+    int64 m_declarationTime = 0;                 // the time of the last declaration that had one
+    Vector<TimeDelta> m_points;                  // the time-point dictionary
+    String m_word;                               // scratch token
+    String m_text;                               // scratch token
+    Vector<std::int32_t> m_list;                 // scratch index list
+};
+
+}  // namespace Tarvel
+
+#endif  // TARVEL_RAWREADER_RAW_READER_H

@@ -1,0 +1,374 @@
+// Event blocks: the time part (points, the time-point dictionary, runs), the value part (value
+// text by the signals' type) and the source part, refilling the listed signals' stores through
+// the direct stores. Raw reader layer; one thread at a time.
+#include <cstdlib>
+#include <cstring>
+
+#include "rawreader/raw_reader.h"
+#include "store/little_endian.h"
+#include "store/store_access.h"
+#include "writer/file_format.h"
+
+namespace Tarvel {
+
+namespace {
+
+int64 WrapAdd(int64 a, int64 b) { return static_cast<int64>(static_cast<std::uint64_t>(a) + static_cast<std::uint64_t>(b)); }
+
+// Most entries a dictionary may hold: slots beyond it are malformed input, not a reason to
+// allocate without end.
+constexpr std::int32_t kMaxPointSlots = 1 << 20;
+constexpr std::uint64_t kMaxEvents = 0x7FFFFFFF;
+
+bool HasValueText(int kind) {
+    return kind == kTypeEnumeration || kind == kTypeInteger || kind == kTypeFloat || kind == kTypePhysical ||
+           kind == kTypeLongInteger;
+}
+
+std::int64_t SourceEntries(const KEventsStore& store) {
+    const KEventsStoreBody* body = StoreAccess::Body(store);
+    return body->sources ? body->sources->Count() : 0;
+}
+
+}  // namespace
+
+// The time part of one block going into one store: the block's steps count from time 0, so the
+// first one is made relative to the store's last event; the absolute time is kept.
+class KBlockSteps {
+public:
+    KBlockSteps(KEventsStore* store, int64 offset) : m_direct(store), m_offset(offset) {}
+
+    bool Step(const TimeDelta& step) {
+        if (m_events >= kMaxEvents) return false;
+        int64 difference = step.difference;
+        if (m_first) {
+            difference = WrapAdd(difference, -m_offset);
+            m_first = false;
+        }
+        m_direct.pushTimeDelta(difference, static_cast<int>(step.delta));
+        m_time = WrapAdd(m_time, step.difference);
+        ++m_events;
+        return true;
+    }
+
+    bool Repeat(unsigned length, std::uint64_t count, const TimeDelta* pattern) {
+        if (count == 0) return true;
+        if (m_first) {  // the first repetition carries the offset: played step by step
+            for (unsigned i = 0; i < length; ++i) {
+                if (!Step(pattern[i])) return false;
+            }
+            if (--count == 0) return true;
+        }
+        if (count > (kMaxEvents - m_events) / length) return false;
+        std::pair<int64, int> steps[kMaxPatternLength];
+        int64 sum = 0;
+        for (unsigned i = 0; i < length; ++i) {
+            steps[i] = {pattern[i].difference, static_cast<int>(pattern[i].delta)};
+            sum = WrapAdd(sum, pattern[i].difference);
+        }
+        if (!m_direct.pushRepeat(static_cast<int>(length), static_cast<int64>(count), steps)) return false;
+        m_time = WrapAdd(m_time, static_cast<int64>(static_cast<std::uint64_t>(sum) * count));
+        m_events += count * length;
+        return true;
+    }
+
+    void End() { m_direct.pushEnd(m_time); }
+    int64 Time() const { return m_time; }
+
+private:
+    KDirectTimeDeltaStore m_direct;
+    int64 m_offset;        // time of the store's last event before the block
+    bool m_first = true;   // the next step is the block's first
+    int64 m_time = 0;      // absolute time of the block's last step
+    std::uint64_t m_events = 0;  // steps so far
+};
+
+// Forwards a store's emission into a KBlockSteps (appending one signal's block to another).
+class KStepsForwarder final : public ITimeDeltaWriter {
+public:
+    explicit KStepsForwarder(KBlockSteps& steps) : m_steps(steps) {}
+    bool pushTimeDelta(const int64& difference, int delta) override {
+        return m_steps.Step(TimeDelta{difference, static_cast<std::uint32_t>(delta) & 0xFFFF});
+    }
+    bool pushRepeat(int length, const int64& count, const std::pair<int64, int>* steps) override {
+        if (length < 1 || length > static_cast<int>(kMaxPatternLength) || count < 0) return false;
+        TimeDelta pattern[kMaxPatternLength];
+        for (int i = 0; i < length; ++i) pattern[i] = TimeDelta{steps[i].first, static_cast<std::uint32_t>(steps[i].second) & 0xFFFF};
+        return m_steps.Repeat(static_cast<unsigned>(length), static_cast<std::uint64_t>(count), pattern);
+    }
+    bool pushEnd(const int64&) override { return true; }
+
+private:
+    KBlockSteps& m_steps;
+};
+
+void KRawTarvelRead::SizeStore(SignalEntry& entry) {
+    if (entry.store.GetSize() != 0 || !entry.store.empty()) return;
+    if (HasValueText(entry.type.Kind())) entry.store.SetSize(static_cast<int>(entry.type.ValueSize()));
+}
+
+bool KRawTarvelRead::ExpectKeyword(int& c, const char* word) {
+    c = m_lexer.Next();
+    return m_lexer.ReadWord(c, m_word) && m_word == word && m_lexer.EndOfLine(c);
+}
+
+// "$WAVES list": one block for all listed signals. Signals that hold the same events so far
+// share the block's store; others get the block appended to what they have.
+bool KRawTarvelRead::ParseWaves(int& c) {
+    if (!m_lexer.ReadIndexList(c, m_list) || !m_lexer.EndOfLine(c) || m_list.empty()) return false;
+    Vector<std::int32_t> handles(m_list);
+    SignalEntry* first = Find(handles[0]);
+    if (!first) return false;
+    bool shared = true;
+    for (std::int32_t handle : handles) {
+        const SignalEntry* entry = Find(handle);
+        if (!entry) return false;
+        shared = shared && entry->store == first->store && entry->lastTime == first->lastTime;
+    }
+    if (shared) {
+        if (!ParseBlockInto(c, *first, *first)) return false;
+        for (std::int32_t handle : handles) {
+            SignalEntry* entry = Find(handle);
+            entry->store = first->store;
+            entry->lastTime = first->lastTime;
+        }
+        return true;
+    }
+    SignalEntry block;
+    block.type = first->type;
+    block.typeId = first->typeId;
+    if (!ParseBlockInto(c, block, *first)) return false;
+    for (std::int32_t handle : handles) {
+        SignalEntry& entry = *Find(handle);
+        SizeStore(entry);
+        const std::uint32_t before = entry.store.count();
+        {
+            KBlockSteps steps(&entry.store, entry.lastTime);
+            KStepsForwarder forward(steps);
+            if (!block.store.WriteTimeDelta(&forward)) return false;
+            steps.End();
+            entry.lastTime = steps.Time();
+        }
+        if (block.store.GetSize() != 0) {
+            KDirectValueStore values(&entry.store);
+            if (!block.store.WriteValue(&values)) return false;
+        }
+        if (block.store.Sources()) {
+            KDirectSourceStore sources(&entry.store);
+            const std::int64_t missing = static_cast<std::int64_t>(before) - SourceEntries(entry.store);
+            const int zero = 0;
+            if (missing > 0 && !sources.pushRepeatedSource(1, missing, &zero)) return false;
+            if (!block.store.WriteSource(&sources)) return false;
+        }
+    }
+    return true;
+}
+
+bool KRawTarvelRead::ParseBlockInto(int& c, SignalEntry& entry, const SignalEntry& typed) {
+    SizeStore(entry);
+    const std::uint32_t before = entry.store.count();
+    {
+        KBlockSteps steps(&entry.store, entry.store.empty() ? 0 : entry.lastTime);
+        if (!ParseTimePart(c, steps)) return false;
+        steps.End();
+        entry.lastTime = steps.Time();
+    }
+    if (!ParseValuePart(c, entry.store, typed)) return false;
+    if (m_word == Format::kEnd) return true;
+    return ParseSourcePart(c, entry.store, before);
+}
+
+bool KRawTarvelRead::ParseTimePart(int& c, KBlockSteps& steps) {
+    for (;;) {
+        c = m_lexer.Next();
+        switch (c) {
+            case Format::kPointDeltaZero:
+            case Format::kPointWithDelta:
+            case Format::kPointTaken:
+            case Format::kPointKnown: {
+                TimeDelta point;
+                if (!ParsePoint(c, &point) || !m_lexer.EndOfLine(c) || !steps.Step(point)) return false;
+                break;
+            }
+            case Format::kRunLead: {
+                c = m_lexer.Next();
+                std::int32_t length = 0;
+                int64 count = 0;
+                if (!m_lexer.ReadInteger(c, length) || length < 1 || length > static_cast<int>(kMaxPatternLength)) return false;
+                if (!m_lexer.ReadWide(c, count) || count < 0) return false;
+                TimeDelta pattern[kMaxPatternLength];
+                for (std::int32_t i = 0; i < length; ++i) {
+                    if (!m_lexer.SkipBlanks(c) || !ParsePoint(c, &pattern[i])) return false;
+                }
+                if (!m_lexer.EndOfLine(c)) return false;
+                if (!steps.Repeat(static_cast<unsigned>(length), static_cast<std::uint64_t>(count), pattern)) return false;
+                break;
+            }
+            case Format::kCommentLead:
+                if (!SkipLine(c)) return false;
+                break;
+            case Format::kKeywordLead: return ExpectKeyword(c, "VALUES");
+            default: return false;
+        }
+    }
+}
+
+// One time point: "T step", "D step delta", "=k " and a point (taken into slot k), or "*k".
+bool KRawTarvelRead::ParsePoint(int& c, TimeDelta* point) {
+    if (c == Format::kPointKnown || c == Format::kPointTaken) {
+        const bool taken = c == Format::kPointTaken;
+        c = m_lexer.Next();
+        std::int32_t slot = 0;
+        if (!KLexer::IsDigit(c) || !m_lexer.ReadInteger(c, slot) || slot >= kMaxPointSlots) return false;
+        if (!taken) {
+            if (static_cast<std::size_t>(slot) >= m_points.size()) return false;
+            *point = m_points[static_cast<std::size_t>(slot)];
+            return true;
+        }
+        if (!m_lexer.SkipBlanks(c) || (c != Format::kPointDeltaZero && c != Format::kPointWithDelta)) return false;
+        if (!ParsePoint(c, point)) return false;
+        if (static_cast<std::size_t>(slot) >= m_points.size()) m_points.resize(static_cast<std::size_t>(slot) + 1);
+        m_points[static_cast<std::size_t>(slot)] = *point;
+        return true;
+    }
+    const bool withDelta = c == Format::kPointWithDelta;
+    if (!withDelta && c != Format::kPointDeltaZero) return false;
+    c = m_lexer.Next();
+    int64 step = 0;
+    std::int32_t delta = 0;
+    if (!m_lexer.ReadWide(c, step)) return false;
+    if (withDelta && !m_lexer.ReadInteger(c, delta)) return false;
+    *point = TimeDelta{step, static_cast<std::uint32_t>(delta) & 0xFFFF};
+    return true;
+}
+
+bool KRawTarvelRead::ParseValuePart(int& c, KEventsStore& store, const SignalEntry& typed) {
+    KDirectValueStore values(&store);
+    unsigned char bytes[kMaxPatternLength][8];
+    for (;;) {
+        c = m_lexer.Next();
+        if (c == Format::kKeywordLead) {
+            c = m_lexer.Next();
+            if (!m_lexer.ReadWord(c, m_word) || !m_lexer.EndOfLine(c)) return false;
+            return m_word == Format::kSources || m_word == Format::kEnd;
+        }
+        if (c == Format::kCommentLead) {
+            if (!SkipLine(c)) return false;
+            continue;
+        }
+        if (c == Format::kRunLead || c == Format::kCountLead) {
+            const int lead = c;
+            c = m_lexer.Next();
+            if (c == ' ' || c == '\t') {
+                if (lead == Format::kCountLead) {
+                    std::int32_t count = 0;
+                    if (!m_lexer.ReadInteger(c, count) || !m_lexer.EndOfLine(c)) return false;
+                    values.pushCount(count);
+                    continue;
+                }
+                std::int32_t length = 0;
+                int64 count = 0;
+                if (!m_lexer.ReadInteger(c, length) || length < 1 || length > static_cast<int>(kMaxPatternLength)) return false;
+                if (!m_lexer.ReadWide(c, count) || count < 0) return false;
+                const unsigned char* pointers[kMaxPatternLength];
+                for (std::int32_t i = 0; i < length; ++i) {
+                    if (!m_lexer.SkipBlanks(c) || !ParseValue(c, typed, bytes[i])) return false;
+                    pointers[i] = bytes[i];
+                }
+                if (!m_lexer.EndOfLine(c) || !values.pushRepeatedValue(length, count, pointers)) return false;
+                continue;
+            }
+            // A value whose text starts with the letter of a record (an identifier literal).
+            m_text.assign(1, static_cast<char>(lead));
+            while (c != KLexer::kEnd && !KLexer::IsSpace(c)) {
+                m_text.push_back(static_cast<char>(c));
+                c = m_lexer.Next();
+            }
+            if (typed.type.Kind() != kTypeEnumeration || !typed.type.TextToValue(m_text.c_str(), bytes[0], 8)) return false;
+        } else if (!ParseValue(c, typed, bytes[0])) {
+            return false;
+        }
+        if (!m_lexer.EndOfLine(c)) return false;
+        values.pushValue(bytes[0]);
+    }
+}
+
+// The value text at `c`, by the signal's type, into `bytes` (4 or 8 bytes, little-endian).
+bool KRawTarvelRead::ParseValue(int& c, const SignalEntry& typed, unsigned char* bytes) {
+    if (typed.typeId == m_stdLogic && m_stdLogic >= 0) {
+        const int code = c == Format::kStdLogicInvalid ? 9 : Format::StdLogicCode(static_cast<char>(c));
+        if (code < 0 || c == KLexer::kEnd) return false;
+        LittleEndian::Store<std::uint32_t>(bytes, static_cast<std::uint32_t>(code));
+        c = m_lexer.Next();
+        return true;
+    }
+    switch (typed.type.Kind()) {
+        case kTypeInteger: {
+            std::int32_t value = 0;
+            if (!m_lexer.ReadInteger(c, value)) return false;
+            LittleEndian::Store<std::uint32_t>(bytes, static_cast<std::uint32_t>(value));
+            return true;
+        }
+        case kTypePhysical:
+        case kTypeLongInteger: {
+            int64 value = 0;
+            if (!m_lexer.ReadWide(c, value)) return false;
+            LittleEndian::Store<std::uint64_t>(bytes, static_cast<std::uint64_t>(value));
+            return true;
+        }
+        case kTypeFloat: {
+            if (!m_lexer.ReadString(c, m_text)) return false;
+            char* end = nullptr;
+            const double value = std::strtod(m_text.c_str(), &end);
+            if (end == m_text.c_str() || *end != '\0') return false;
+            std::uint64_t raw;
+            std::memcpy(&raw, &value, sizeof raw);
+            LittleEndian::Store<std::uint64_t>(bytes, raw);
+            return true;
+        }
+        case kTypeEnumeration:
+            return m_lexer.ReadString(c, m_text) && typed.type.TextToValue(m_text.c_str(), bytes, 8);
+        default: return false;
+    }
+}
+
+bool KRawTarvelRead::ParseSourcePart(int& c, KEventsStore& store, std::uint32_t eventsBefore) {
+    KDirectSourceStore sources(&store);
+    const std::int64_t missing = static_cast<std::int64_t>(eventsBefore) - SourceEntries(store);
+    const int zero = 0;
+    if (missing > 0 && !sources.pushRepeatedSource(1, missing, &zero)) return false;
+    for (;;) {
+        c = m_lexer.Next();
+        if (c == Format::kKeywordLead) {
+            c = m_lexer.Next();
+            return m_lexer.ReadWord(c, m_word) && m_word == Format::kEnd && m_lexer.EndOfLine(c);
+        }
+        if (c == Format::kCommentLead) {
+            if (!SkipLine(c)) return false;
+            continue;
+        }
+        if (c == Format::kCountLead || c == Format::kRunLead) {
+            const bool run = c == Format::kRunLead;
+            c = m_lexer.Next();
+            std::int32_t first = 0;
+            if (!m_lexer.ReadInteger(c, first)) return false;
+            if (!run) {
+                if (!m_lexer.EndOfLine(c)) return false;
+                continue;
+            }
+            int64 count = 0;
+            int pattern[kMaxPatternLength];
+            if (first < 1 || first > static_cast<int>(kMaxPatternLength) || !m_lexer.ReadWide(c, count)) return false;
+            for (std::int32_t i = 0; i < first; ++i) {
+                if (!m_lexer.ReadInteger(c, pattern[i])) return false;
+            }
+            if (!m_lexer.EndOfLine(c) || !sources.pushRepeatedSource(first, count, pattern)) return false;
+            continue;
+        }
+        std::int32_t source = 0;
+        if (!m_lexer.ReadInteger(c, source) || !m_lexer.EndOfLine(c)) return false;
+        sources.pushSource(source);
+    }
+}
+
+}  // namespace Tarvel
