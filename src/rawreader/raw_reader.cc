@@ -166,25 +166,23 @@ bool KRawTarvelRead::ParseDeclaration(int& c, int mode, bool bus) {
     return true;
 }
 
-// Version 2: X is the type index, Y the parent; then an optional mode word and time.
+// Version 2: after the name, optionally X (the type index), Y (the parent) and a word that may
+// give the mode, then optionally the declaration time.
 bool KRawTarvelRead::ParseVersion2Tail(int& c, SignalEntry& entry, bool hasX, std::int32_t x) {
-    std::int32_t y = -1;
+    std::int32_t parent = -1;
     if (hasX) {
         entry.typeId = x;
         if (const TypeHandle* type = TypeOf(x)) entry.type = *type;
-        if (m_lexer.SkipBlanks(c) && c != '-' && !KLexer::IsDigit(c)) return false;
-        if (m_lexer.SkipBlanks(c) && !m_lexer.ReadInteger(c, y)) return false;
-    }
-    if (hasX && m_lexer.SkipBlanks(c) && !KLexer::IsDigit(c) && c != '-') {
+        if (!m_lexer.ReadInteger(c, parent)) return false;
         if (entry.mode != Format::kModeNone && entry.mode != Format::kModeSignal) return false;
-        if (!m_lexer.ReadWord(c, m_word)) return false;
+        if (!m_lexer.SkipBlanks(c) || !m_lexer.ReadWord(c, m_word)) return false;
         int mode = 0;
         entry.mode = Format::ModeFromWord(m_word, false, &mode) ? mode : 0;
+        if (m_lexer.SkipBlanks(c) && !m_lexer.ReadWide(c, m_declarationTime)) return false;
     }
-    if (m_lexer.SkipBlanks(c) && !m_lexer.ReadWide(c, m_declarationTime)) return false;
     entry.endTime = m_declarationTime;
     if (!m_lexer.EndOfLine(c)) return false;
-    if (y >= 0) Attach(y, entry.number, 0);
+    if (parent >= 0) Attach(parent, entry.number, 0);
     return true;
 }
 
@@ -308,15 +306,12 @@ bool KRawTarvelRead::ParseOldLayout() {
             if (!ParseTypeLine(c)) return false;
             continue;
         }
-        if (c == Format::kKeywordLead) {
+        if (c == Format::kKeywordLead) {  // only "$RESOLUTION" in this layout
             c = m_lexer.Next();
-            bool stop = false;
-            if (!m_lexer.ReadWord(c, m_word) || !Is(m_word, Format::kResolution)) return false;
-            m_word = "$";
             int64 resolution = 0;
+            if (!m_lexer.ReadWord(c, m_word) || !Is(m_word, Format::kResolution)) return false;
             if (!m_lexer.ReadWide(c, resolution) || resolution <= 0 || !m_lexer.EndOfLine(c)) return false;
             m_resolution = resolution;
-            (void)stop;
             continue;
         }
         if (!m_lexer.ReadWord(c, m_word)) return false;
