@@ -218,8 +218,14 @@ bool KRawTarvelRead::ParsePoint(int& c, TimeDelta* point) {
     if (c == Format::kPointKnown || c == Format::kPointTaken) {
         const bool taken = c == Format::kPointTaken;
         c = m_lexer.Next();
+        // Slot numbers are small: a plain digit loop (no sign, no blanks) with a length limit.
+        if (!KLexer::IsDigit(c)) return false;
         std::int32_t slot = 0;
-        if (!KLexer::IsDigit(c) || !m_lexer.ReadInteger(c, slot) || slot >= kMaxPointSlots) return false;
+        do {
+            slot = slot * 10 + (c - '0');
+            if (slot >= kMaxPointSlots) return false;
+            c = m_lexer.Next();
+        } while (KLexer::IsDigit(c));
         if (!taken) {
             if (static_cast<std::size_t>(slot) >= m_points.size()) return false;
             *point = m_points[static_cast<std::size_t>(slot)];

@@ -55,6 +55,16 @@ public:
     // REQUIRES: HasRoom(1).
     void PushByte(unsigned char byte) { m_chunks[m_size >> ChunkBits][m_size & kChunkMask] = byte; ++m_size; }
 
+    // A pointer at the end of the stream when `n` bytes fit there in the current allocation, or
+    // null. The caller writes up to `n` bytes there and then calls Advance with the count.
+    unsigned char* WritePointer(std::uint32_t n) {
+        if (m_count == 0) return nullptr;
+        const std::uint64_t last = std::uint64_t{m_count - 1} << ChunkBits;
+        if (m_size < last || m_size - last + n > m_lastCapacity) return nullptr;
+        return m_chunks[m_count - 1] + (m_size - last);
+    }
+    void Advance(std::uint32_t n) { m_size += n; }
+
     // Drops the last byte. REQUIRES: !empty().
     void PopByte() { --m_size; }
 
