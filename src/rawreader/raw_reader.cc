@@ -22,10 +22,10 @@ KRawTarvelRead::~KRawTarvelRead() = default;
 // ---- Opening and the header -------------------------------------------------------------------
 
 bool KRawTarvelRead::Open(const char* fileName) {
-    m_fileName = fileName ? fileName : "";
-    if (!fileName || !m_lexer.Open(fileName)) return false;
+    if (!fileName) return false;
     try {
-        if (!ReadHeader()) return false;
+        m_fileName = fileName;
+        if (!m_lexer.Open(fileName) || !ReadHeader()) return false;
         return m_version == 1 ? ParseOldLayout() : ParseLines();
     } catch (const std::bad_alloc&) {
         return false;
