@@ -199,6 +199,14 @@ private:
     KEventsStoreBody* m_body;
 };
 
+// The state of a refill of a store's time steps (used inside the library).
+struct DirectStepsState {
+    KEventsStoreBody* body;  // the store's private body
+    int count;               // event count, stored back into the body at the end
+    int64 time;              // running absolute time of the last step
+    unsigned delta;          // delta of the last step
+};
+
 // Refills a store's time steps from exactly the calls a ITimeDeltaWriter receives, coding each
 // call as it comes. Construction makes the body private to the handle and reopens it; the
 // destructor closes the stream again. The handle must outlive this object.
@@ -214,10 +222,7 @@ public:
     bool pushEnd(const int64& endTime) override;
 
 private:
-    KEventsStoreBody* m_body;  // the store's private body
-    int m_count;               // event count, stored back into the body at destruction
-    int64 m_time;              // running absolute time of the last step
-    unsigned m_delta;          // delta of the last step
+    DirectStepsState m_state;  // the refill in progress
 };
 
 // Refills a store's values from the calls an IValueWriter receives. The store must have its

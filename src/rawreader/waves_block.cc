@@ -36,7 +36,10 @@ std::int64_t SourceEntries(const KEventsStore& store) {
 // first one is made relative to the store's last event; the absolute time is kept.
 class KBlockSteps {
 public:
-    KBlockSteps(KEventsStore* store, int64 offset) : m_direct(store), m_offset(offset) {}
+    KBlockSteps(KEventsStore* store, int64 offset) : m_offset(offset) { OpenDirectSteps(StoreAccess::BodySlot(*store), &m_state); }
+    ~KBlockSteps() { CloseDirectSteps(m_state); }
+    KBlockSteps(const KBlockSteps&) = delete;
+    KBlockSteps& operator=(const KBlockSteps&) = delete;
 
     bool Step(const TimeDelta& step) {
         if (m_events >= kMaxEvents) return false;
@@ -45,7 +48,7 @@ public:
             difference = WrapAdd(difference, -m_offset);
             m_first = false;
         }
-        m_direct.pushTimeDelta(difference, static_cast<int>(step.delta));
+        AppendDirectStep(m_state, difference, step.delta);
         m_time = WrapAdd(m_time, step.difference);
         ++m_events;
         return true;
@@ -66,21 +69,21 @@ public:
             steps[i] = {pattern[i].difference, static_cast<int>(pattern[i].delta)};
             sum = WrapAdd(sum, pattern[i].difference);
         }
-        if (!m_direct.pushRepeat(static_cast<int>(length), static_cast<int64>(count), steps)) return false;
+        if (!AppendDirectRepeat(m_state, static_cast<int>(length), static_cast<int64>(count), steps)) return false;
         m_time = WrapAdd(m_time, static_cast<int64>(static_cast<std::uint64_t>(sum) * count));
         m_events += count * length;
         return true;
     }
 
-    void End() { m_direct.pushEnd(m_time); }
+    void End() { m_state.body->endTime = m_time; }
     int64 Time() const { return m_time; }
 
 private:
-    KDirectTimeDeltaStore m_direct;
-    int64 m_offset;        // time of the store's last event before the block
-    bool m_first = true;   // the next step is the block's first
-    int64 m_time = 0;      // absolute time of the block's last step
-    std::uint64_t m_events = 0;  // steps so far
+    DirectStepsState m_state;     // the refill of the store's time steps
+    int64 m_offset;               // time of the store's last event before the block
+    bool m_first = true;          // the next step is the block's first
+    int64 m_time = 0;             // absolute time of the block's last step
+    std::uint64_t m_events = 0;   // steps so far
 };
 
 // Forwards a store's emission into a KBlockSteps (appending one signal's block to another).

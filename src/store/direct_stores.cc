@@ -2,6 +2,7 @@
 // emission makes, as a file reader does. Store layer; a direct store and its handle belong to
 // one thread.
 #include "store/events_store_body.h"
+#include "store/store_access.h"
 #include "tarvel/events_store.h"
 
 namespace Tarvel {
@@ -11,35 +12,24 @@ int64 WrapAdd(int64 a, int64 b) { return static_cast<int64>(static_cast<std::uin
 
 }  // namespace
 
-KDirectTimeDeltaStore::KDirectTimeDeltaStore(KEventsStore* store) : m_body(nullptr), m_count(0), m_time(0), m_delta(0) {
-    MakePrivate(&store->m_body);
-    m_body = store->m_body;
-    KTimeDeltaStore& steps = m_body->timeDeltas;
+void OpenDirectSteps(KEventsStoreBody** handleBody, DirectStepsState* state) {
+    MakePrivate(handleBody);
+    KTimeDeltaStore& steps = (*handleBody)->timeDeltas;
     steps.FlushCoder();
     steps.Reopen();
     steps.ReserveEndCode();
-    m_count = steps.eventCount;
-    m_time = steps.lastTime;
-    m_delta = steps.lastDelta;
+    *state = DirectStepsState{*handleBody, steps.eventCount, steps.lastTime, steps.lastDelta};
 }
 
-KDirectTimeDeltaStore::~KDirectTimeDeltaStore() {
-    KTimeDeltaStore& steps = m_body->timeDeltas;
+void CloseDirectSteps(const DirectStepsState& state) noexcept {
+    KTimeDeltaStore& steps = state.body->timeDeltas;
     steps.AppendReservedEndCode();
-    steps.eventCount = m_count;
-    steps.lastTime = m_time;
-    steps.lastDelta = m_delta;
+    steps.eventCount = state.count;
+    steps.lastTime = state.time;
+    steps.lastDelta = state.delta;
 }
 
-bool KDirectTimeDeltaStore::pushTimeDelta(const int64& difference, int delta) {
-    m_body->timeDeltas.AppendDirectStep(TimeDelta{difference, static_cast<std::uint32_t>(delta) & 0xFFFF});
-    ++m_count;
-    m_time = WrapAdd(m_time, difference);
-    m_delta = static_cast<unsigned>(delta) & 0xFFFF;
-    return true;
-}
-
-bool KDirectTimeDeltaStore::pushRepeat(int length, const int64& count, const std::pair<int64, int>* steps) {
+bool AppendDirectRepeat(DirectStepsState& state, int length, int64 count, const std::pair<int64, int>* steps) {
     if (length < 1 || length > static_cast<int>(kMaxPatternLength) || count < 0) return false;
     TimeDelta pattern[kMaxPatternLength];
     int64 sum = 0;
@@ -47,17 +37,32 @@ bool KDirectTimeDeltaStore::pushRepeat(int length, const int64& count, const std
         pattern[i] = TimeDelta{steps[i].first, static_cast<std::uint32_t>(steps[i].second) & 0xFFFF};
         sum = WrapAdd(sum, steps[i].first);
     }
-    m_body->timeDeltas.AppendDirectRepeat(static_cast<unsigned>(length), static_cast<std::uint64_t>(count), pattern);
+    state.body->timeDeltas.AppendDirectRepeat(static_cast<unsigned>(length), static_cast<std::uint64_t>(count), pattern);
     // Only the low word of the event count takes part, as the count is a 32-bit number.
-    m_count = static_cast<int>(static_cast<std::uint32_t>(m_count) +
-                               static_cast<std::uint32_t>(static_cast<std::uint64_t>(count) * static_cast<std::uint64_t>(length)));
-    m_time = WrapAdd(m_time, static_cast<int64>(static_cast<std::uint64_t>(count) * static_cast<std::uint64_t>(sum)));
-    if (count > 0) m_delta = pattern[length - 1].delta;
+    state.count = static_cast<int>(static_cast<std::uint32_t>(state.count) +
+                                   static_cast<std::uint32_t>(static_cast<std::uint64_t>(count) * static_cast<std::uint64_t>(length)));
+    state.time = WrapAdd(state.time, static_cast<int64>(static_cast<std::uint64_t>(count) * static_cast<std::uint64_t>(sum)));
+    if (count > 0) state.delta = pattern[length - 1].delta;
     return true;
 }
 
+KDirectTimeDeltaStore::KDirectTimeDeltaStore(KEventsStore* store) : m_state{nullptr, 0, 0, 0} {
+    OpenDirectSteps(&store->m_body, &m_state);
+}
+
+KDirectTimeDeltaStore::~KDirectTimeDeltaStore() { CloseDirectSteps(m_state); }
+
+bool KDirectTimeDeltaStore::pushTimeDelta(const int64& difference, int delta) {
+    AppendDirectStep(m_state, difference, static_cast<unsigned>(delta));
+    return true;
+}
+
+bool KDirectTimeDeltaStore::pushRepeat(int length, const int64& count, const std::pair<int64, int>* steps) {
+    return AppendDirectRepeat(m_state, length, count, steps);
+}
+
 bool KDirectTimeDeltaStore::pushEnd(const int64& endTime) {
-    m_body->endTime = endTime;
+    m_state.body->endTime = endTime;
     return true;
 }
 

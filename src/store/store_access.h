@@ -10,7 +10,26 @@ namespace Tarvel {
 
 struct StoreAccess {
     static KEventsStoreBody* Body(const KEventsStore& store) { return store.m_body; }
+    static KEventsStoreBody** BodySlot(KEventsStore& store) { return &store.m_body; }
 };
+
+// Refilling a store's time steps, as KDirectTimeDeltaStore does; the file reader's block parser
+// uses these directly, without a virtual call per step.
+// Opens a refill: makes the body private to the handle, codes what its coder holds back, drops
+// its end code and keeps room for a new one. May throw std::bad_alloc.
+void OpenDirectSteps(KEventsStoreBody** handleBody, DirectStepsState* state);
+// Closes the refill: writes the end code and stores the counters back. Never fails.
+void CloseDirectSteps(const DirectStepsState& state) noexcept;
+// Appends one step coded in the narrowest unscaled form. May throw std::bad_alloc.
+inline void AppendDirectStep(DirectStepsState& state, int64 difference, unsigned delta) {
+    delta &= 0xFFFF;
+    state.body->timeDeltas.AppendDirectStep(TimeDelta{difference, delta});
+    ++state.count;
+    state.time = static_cast<int64>(static_cast<std::uint64_t>(state.time) + static_cast<std::uint64_t>(difference));
+    state.delta = delta;
+}
+// Appends a repeat code; false for a length outside 1-4 or a negative count.
+bool AppendDirectRepeat(DirectStepsState& state, int length, int64 count, const std::pair<int64, int>* steps);
 
 }  // namespace Tarvel
 
