@@ -90,7 +90,8 @@ unsigned EncodeStepShortest(unsigned char* out, const TimeDelta& step) {
         out[1] = static_cast<unsigned char>(step.difference);
         return 2;
     }
-    if (step.difference < 2) return EncodeStepUnscaled(out, step);
+    // Every scale is even: an odd difference (or one below 2) has no scaled form.
+    if (step.difference < 2 || (step.difference & 1) != 0) return EncodeStepUnscaled(out, step);
     const std::uint64_t difference = static_cast<std::uint64_t>(step.difference);
     unsigned group = 0;
     std::uint64_t mantissa = 0;
