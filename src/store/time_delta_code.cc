@@ -64,6 +64,10 @@ bool FindScaledWithin(std::uint64_t difference, std::uint64_t limit, unsigned* g
 
 bool FindScaled(std::uint64_t difference, unsigned* group, std::uint64_t* mantissa) {
     static_assert(kScales[0] == 2 && kScales[6] == 1000000, "scale groups");
+    // Every scale but 2 is a multiple of 10: otherwise only the first group can fit.
+    if (difference % 10 != 0) {
+        return TryScale<2>(difference, 0xFF, 0, group, mantissa) || TryScale<2>(difference, 0xFFFF, 0, group, mantissa);
+    }
     return FindScaledWithin(difference, 0xFF, group, mantissa) || FindScaledWithin(difference, 0xFFFF, group, mantissa);
 }
 
