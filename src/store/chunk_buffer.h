@@ -191,12 +191,13 @@ private:
 
     static constexpr std::uint32_t kFirstChunkBytes = kChunkSize < 64 ? kChunkSize : 64;
 
+    // Appends read the first three: size and capacity for the room, the table for the chunk.
+    std::uint64_t m_size = 0;            // bytes used
+    std::uint64_t m_capacity = 0;        // bytes allocated in all
     unsigned char** m_chunks = nullptr;  // chunk table
     std::uint32_t m_count = 0;           // chunks allocated
     std::uint32_t m_slots = 0;           // capacity of the chunk table
     std::uint32_t m_lastCapacity = 0;    // bytes allocated for the last chunk
-    std::uint64_t m_size = 0;            // bytes used
-    std::uint64_t m_capacity = 0;        // bytes allocated in all
 };
 
 }  // namespace Tarvel

@@ -155,14 +155,16 @@ private:
         Reset();
     }
 
-    T m_items[kCapacity];            // literal items held back, oldest first
-    unsigned m_matches[kMaxRunPattern] = {};  // per L: newest items equal to the item L before
+    // The fields every Push reads come first, so that a push touches the header's cache line and
+    // the one or two lines of the newest items (the state of many stores is far out of cache).
+    bool m_inRun = false;            // a run is being grown
     unsigned m_count = 0;            // literal items held
-    T m_pattern[kMaxRunPattern];     // the run's pattern
-    std::uint64_t m_repetitions = 0; // whole repetitions of the run so far
     unsigned m_length = 0;           // pattern length
     unsigned m_position = 0;         // items of the next repetition seen so far
-    bool m_inRun = false;
+    unsigned m_matches[kMaxRunPattern] = {};  // per L: newest items equal to the item L before
+    std::uint64_t m_repetitions = 0; // whole repetitions of the run so far
+    T m_pattern[kMaxRunPattern];     // the run's pattern
+    T m_items[kCapacity];            // literal items held back, oldest first
 };
 
 }  // namespace Tarvel

@@ -64,6 +64,10 @@ bool FindScaledWithin(std::uint64_t difference, std::uint64_t limit, unsigned* g
 
 bool FindScaled(std::uint64_t difference, unsigned* group, std::uint64_t* mantissa) {
     static_assert(kScales[0] == 2 && kScales[6] == 1000000, "scale groups");
+    // Every scale but 2 is a multiple of 10: otherwise only the first group can fit.
+    if (difference % 10 != 0) {
+        return TryScale<2>(difference, 0xFF, 0, group, mantissa) || TryScale<2>(difference, 0xFFFF, 0, group, mantissa);
+    }
     return FindScaledWithin(difference, 0xFF, group, mantissa) || FindScaledWithin(difference, 0xFFFF, group, mantissa);
 }
 
@@ -101,7 +105,8 @@ unsigned EncodeStepShortest(unsigned char* out, const TimeDelta& step) {
         out[1] = static_cast<unsigned char>(step.difference);
         return 2;
     }
-    if (step.difference < 2) return EncodeStepUnscaled(out, step);
+    // Every scale is even: an odd difference (or one below 2) has no scaled form.
+    if (step.difference < 2 || (step.difference & 1) != 0) return EncodeStepUnscaled(out, step);
     const std::uint64_t difference = static_cast<std::uint64_t>(step.difference);
     unsigned group = 0;
     std::uint64_t mantissa = 0;

@@ -98,10 +98,11 @@ public:
     void Literals(const TimeDelta* steps, unsigned count);
     void Run(const TimeDelta* pattern, unsigned length, std::uint64_t repetitions);
 
-    // Fields the events store reads and writes directly.
-    std::int32_t eventCount = 0;
-    int64 lastTime = 0;            // time of the last appended event
+    // Fields the events store reads and writes directly (first: they share the cache line of
+    // the coder pointer and the stream's room).
+    std::int32_t eventCount = 0;   // events appended
     std::uint32_t lastDelta = 0;   // delta of the last appended event
+    int64 lastTime = 0;            // time of the last appended event
 
 private:
     using Finder = RunFinder<TimeDelta, 2, 8>;
@@ -118,9 +119,9 @@ private:
     void AppendRepeat(const TimeDelta* pattern, unsigned length, std::uint64_t repetitions,
                       unsigned (*encode)(unsigned char*, const TimeDelta&));
 
-    TimeDeltaBytes m_bytes;   // the coded stream
     Coder* m_coder = nullptr; // pattern search state while appending; null when idle
     bool m_ended = false;     // the stream ends with the end code
+    TimeDeltaBytes m_bytes;   // the coded stream
 };
 
 }  // namespace Tarvel

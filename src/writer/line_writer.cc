@@ -4,6 +4,7 @@
 
 #include <charconv>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
 
 #include "writer/file_format.h"
@@ -28,11 +29,19 @@ Formatted FormatNumber(Integer value) {
     return out;
 }
 
+// The event-time form written at `out`: "0", the quotient by 1000 followed by 'k', or the
+// number in full. Returns the end of the text (at most 21 bytes; `limit` leaves room for them).
+char* PutEventTimeText(std::int64_t time, char* out, char* limit) {
+    if (time == 0 || time % Format::kThousand != 0) return std::to_chars(out, limit, time).ptr;
+    char* end = std::to_chars(out, limit - 1, time / Format::kThousand).ptr;  // room for the suffix
+    *end++ = Format::kThousandsSuffix;
+    return end;
+}
+
 // The event-time form: "0", the quotient by 1000 followed by 'k', or the number in full.
 Formatted FormatEventTime(std::int64_t time) {
-    if (time == 0 || time % Format::kThousand != 0) return FormatNumber(time);
-    Formatted out = FormatNumber(time / Format::kThousand);
-    out.text[out.length++] = Format::kThousandsSuffix;
+    Formatted out;
+    out.length = static_cast<std::size_t>(PutEventTimeText(time, out.text, out.text + kNumberRoom) - out.text);
     return out;
 }
 
@@ -155,30 +164,36 @@ bool KLineWriter::PutIndexList(const std::int32_t* values, std::size_t count) {
     return true;
 }
 
-bool KLineWriter::PutFullTimePoint(std::int64_t step, int delta) {
-    return PutFormattedTimePoint(FormatEventTime(step).View(), delta);
-}
-
-// "T step" or "D step delta", the step already formatted.
-bool KLineWriter::PutFormattedTimePoint(std::string_view step, int delta) {
-    if (delta == 0) {
-        const char lead[2] = {Format::kPointDeltaZero, ' '};
-        return stream_.Write(lead, 2) && stream_.Write(step);
+// Formats the time point (step, delta) in its dictionary form into `out` (kPointRoom bytes) and
+// returns where the text lies there; its end leaves at least two bytes of `out` free. One call
+// per event of a block: the point is assembled here and goes to the stream in one write.
+std::string_view KLineWriter::FormatTimePoint(std::int64_t step, int delta, char* out) {
+    // The point in full: "T step" or "D step delta", built after room for "=slot ".
+    char* const limit = out + kPointRoom - 2;
+    char* const full = out + kSlotRoom;
+    char* end = full;
+    *end++ = delta == 0 ? Format::kPointDeltaZero : Format::kPointWithDelta;
+    *end++ = ' ';
+    end = PutEventTimeText(step, end, limit);
+    if (delta != 0) {
+        *end++ = ' ';
+        end = std::to_chars(end, limit, delta).ptr;
     }
-    const char lead[2] = {Format::kPointWithDelta, ' '};
-    return stream_.Write(lead, 2) && stream_.Write(step) && PutSpace() && PutInteger(delta);
+    const std::size_t fullLength = static_cast<std::size_t>(end - full);
+    const KTimePointDictionary::Use use = dictionary_.Lookup(step, delta, fullLength);
+    if (use.slot < 0) return {full, fullLength};
+    char* at = out;
+    *at++ = use.taken ? Format::kPointTaken : Format::kPointKnown;
+    at = std::to_chars(at, full, use.slot).ptr;
+    if (!use.taken) return {out, static_cast<std::size_t>(at - out)};
+    *at++ = ' ';
+    std::memmove(at, full, fullLength);
+    return {out, static_cast<std::size_t>(at - out) + fullLength};
 }
 
 bool KLineWriter::PutTimePoint(std::int64_t step, int delta) {
-    // Length of the point in full: "T " or "D ", the step, and " delta" for a delta.
-    const Formatted text = FormatEventTime(step);
-    std::size_t fullLength = 2 + text.length;
-    if (delta != 0) fullLength += 1 + FormatNumber(delta).length;
-    const KTimePointDictionary::Use use = dictionary_.Lookup(step, delta, fullLength);
-    if (use.slot < 0) return PutFormattedTimePoint(text.View(), delta);
-    if (!use.taken) return stream_.Put(Format::kPointKnown) && PutInteger(use.slot);
-    return stream_.Put(Format::kPointTaken) && PutInteger(use.slot) && PutSpace() &&
-           PutFormattedTimePoint(text.View(), delta);
+    char text[kPointRoom];
+    return stream_.Write(FormatTimePoint(step, delta, text));
 }
 
 // ---- Header and declarations -----------------------------------------------------------------
@@ -288,7 +303,13 @@ bool KLineWriter::WriteSourcesLine() { return WriteKeywordLine(Format::kSources)
 bool KLineWriter::WriteEndLine() { return WriteKeywordLine(Format::kEnd); }
 
 bool KLineWriter::WriteTimePointLine(std::int64_t step, int delta) {
-    return PutTimePoint(step, delta) && EndLine();
+    char text[kPointRoom];
+    const std::string_view point = FormatTimePoint(step, delta, text);
+    // The line end goes behind the point in the same buffer: one write per line.
+    char* end = text + (point.data() - text) + point.size();
+    end[0] = Format::kLineEnd[0];
+    end[1] = Format::kLineEnd[1];
+    return stream_.Write(point.data(), point.size() + 2);
 }
 
 bool KLineWriter::BeginRun(int length, std::int64_t count) {

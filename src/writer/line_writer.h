@@ -131,8 +131,10 @@ private:
     bool WriteKeywordLine(std::string_view word);
     bool PutDeclarationFields(const DeclarationFields& fields);
     bool PutItem(std::int32_t first, std::int64_t last, std::int64_t step);
-    bool PutFullTimePoint(std::int64_t step, int delta);
-    bool PutFormattedTimePoint(std::string_view step, int delta);
+    // Room for "=slot ", "D ", a step with suffix, " ", a delta and a line end.
+    static constexpr std::size_t kSlotRoom = 8;
+    static constexpr std::size_t kPointRoom = kSlotRoom + 2 + 24 + 1 + 12 + 2;
+    std::string_view FormatTimePoint(std::int64_t step, int delta, char* out);
 
     KOutputStream& stream_;
     IErrorReport& reporter_;
