@@ -166,15 +166,16 @@ bool KRawTarvelRead::ParseDeclaration(int& c, int mode, bool bus) {
     return true;
 }
 
-// Version 2: after the name, optionally X (the type index) and Y (the parent), then optionally
-// a word that may give the mode (on NOMODE and SIGNAL lines only) and the declaration time.
+// Version 2: after the name, optionally X (the type index), Y (the parent), a word that may give
+// the mode (after Y, on NOMODE and SIGNAL lines only) and the declaration time.
 bool KRawTarvelRead::ParseVersion2Tail(int& c, SignalEntry& entry, bool hasX, std::int32_t x) {
     std::int32_t parent = -1;
     if (hasX) {
         entry.typeId = x;
         if (const TypeHandle* type = TypeOf(x)) entry.type = *type;
-        if (!m_lexer.ReadInteger(c, parent)) return false;
-        if (m_lexer.SkipBlanks(c) && !KLexer::IsDigit(c) && c != '-') {
+        const bool hasY = m_lexer.SkipBlanks(c) && (KLexer::IsDigit(c) || c == '-');
+        if (hasY && !m_lexer.ReadInteger(c, parent)) return false;
+        if (hasY && m_lexer.SkipBlanks(c) && !KLexer::IsDigit(c) && c != '-') {
             if (entry.mode != Format::kModeNone && entry.mode != Format::kModeSignal) return false;
             if (!m_lexer.ReadWord(c, m_word)) return false;
             int mode = 0;
