@@ -84,6 +84,14 @@ public:
         return NextSlow();
     }
 
+    // ---- Direct access for hot loops ----
+    // The unread bytes of the buffer are [Cursor(), BufferEnd()); a caller that parsed some of
+    // them in place moves on with Consume(p) (p within that range). The current-character
+    // convention does not apply across these calls: the caller holds no character.
+    const unsigned char* Cursor() const noexcept { return next_; }
+    const unsigned char* BufferEnd() const noexcept { return end_; }
+    void Consume(const unsigned char* p) noexcept { next_ = p; }
+
     // ---- Line structure ----
     // Skips space, tab and CR from `c`. True at any other character; false at LF or kEnd.
     bool SkipBlanks(int& c) noexcept {

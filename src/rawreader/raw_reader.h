@@ -123,6 +123,7 @@ private:
     bool ParseBlockInto(int& c, SignalEntry& entry, const SignalEntry& typed);
     bool ParseTimePart(int& c, KBlockSteps& steps);
     bool ParsePoint(int& c, TimeDelta* point);
+    bool ReadShortPoint(TimeDelta* point);
     bool ParseValuePart(int& c, KEventsStore& store, const SignalEntry& typed);
     bool ParseValue(int& c, const SignalEntry& typed, unsigned char* bytes);
     bool ParseSourcePart(int& c, KEventsStore& store, std::uint32_t eventsBefore);
@@ -151,7 +152,7 @@ private:
     int64 m_defaultEndTime = 0;  // untimed files: "$ENDTIME" too
     bool m_stoppedAtMark = false;  // the last parse stopped at a commit mark or the terminator
     Vector<SignalEntry> m_signals;               // in declaration order
-    Map<std::int32_t, std::size_t> m_index;      // handle -> entry index
+    HashMap<std::int32_t, std::size_t> m_index;  // handle -> entry index
     struct TypeEntry {
         std::int32_t id;
         TypeHandle type;

@@ -119,21 +119,25 @@ bool KRawTarvelRead::ExpectKeyword(int& c, const char* word) {
 // share the block's store; others get the block appended to what they have.
 bool KRawTarvelRead::ParseWaves(int& c) {
     if (!m_lexer.ReadIndexList(c, m_list) || !m_lexer.EndOfLine(c) || m_list.empty()) return false;
-    Vector<std::int32_t> handles(m_list);
-    SignalEntry* first = Find(handles[0]);
-    if (!first) return false;
-    bool shared = true;
-    for (std::int32_t handle : handles) {
+    // Entry indexes, not pointers: the entries stay where they are while a block is read.
+    Vector<std::size_t> entries;
+    entries.reserve(m_list.size());
+    for (std::int32_t handle : m_list) {
         const SignalEntry* entry = Find(handle);
         if (!entry) return false;
-        shared = shared && entry->store == first->store && entry->lastTime == first->lastTime;
+        entries.push_back(static_cast<std::size_t>(entry - m_signals.data()));
+    }
+    SignalEntry* first = &m_signals[entries[0]];
+    bool shared = true;
+    for (std::size_t index : entries) {
+        const SignalEntry& entry = m_signals[index];
+        shared = shared && entry.store == first->store && entry.lastTime == first->lastTime;
     }
     if (shared) {
         if (!ParseBlockInto(c, *first, *first)) return false;
-        for (std::int32_t handle : handles) {
-            SignalEntry* entry = Find(handle);
-            entry->store = first->store;
-            entry->lastTime = first->lastTime;
+        for (std::size_t index : entries) {
+            m_signals[index].store = first->store;
+            m_signals[index].lastTime = first->lastTime;
         }
         return true;
     }
@@ -141,8 +145,8 @@ bool KRawTarvelRead::ParseWaves(int& c) {
     block.type = first->type;
     block.typeId = first->typeId;
     if (!ParseBlockInto(c, block, *first)) return false;
-    for (std::int32_t handle : handles) {
-        SignalEntry& entry = *Find(handle);
+    for (std::size_t index : entries) {
+        SignalEntry& entry = m_signals[index];
         SizeStore(entry);
         const std::uint32_t before = entry.store.count();
         {
@@ -181,8 +185,47 @@ bool KRawTarvelRead::ParseBlockInto(int& c, SignalEntry& entry, const SignalEntr
     return ParseSourcePart(c, entry.store, before);
 }
 
+// The two most common time lines, "*k" and "T step" (with CR LF or LF), read in place from the
+// lexer's buffer. Returns false when the line is of another form or not wholly in the buffer;
+// nothing is consumed then.
+bool KRawTarvelRead::ReadShortPoint(TimeDelta* point) {
+    const unsigned char* p = m_lexer.Cursor();
+    if (m_lexer.BufferEnd() - p < 32) return false;
+    const unsigned char lead = p[0];
+    if (lead == Format::kPointKnown) {
+        ++p;
+        std::uint32_t slot = 0;
+        const unsigned char* digits = p;
+        while (KLexer::IsDigit(*p) && p - digits < 7) slot = slot * 10 + static_cast<unsigned>(*p++ - '0');
+        if (p == digits || slot >= m_points.size()) return false;
+        *point = m_points[slot];
+    } else if (lead == Format::kPointDeltaZero && p[1] == ' ') {
+        p += 2;
+        std::uint64_t step = 0;
+        const unsigned char* digits = p;
+        while (KLexer::IsDigit(*p) && p - digits < 15) step = step * 10 + static_cast<unsigned>(*p++ - '0');
+        if (p == digits) return false;
+        if (*p == Format::kThousandsSuffix) {
+            step *= 1000;
+            ++p;
+        }
+        *point = TimeDelta{static_cast<int64>(step), 0};
+    } else {
+        return false;
+    }
+    if (*p == '\r') ++p;
+    if (*p != '\n') return false;
+    m_lexer.Consume(p + 1);
+    return true;
+}
+
 bool KRawTarvelRead::ParseTimePart(int& c, KBlockSteps& steps) {
     for (;;) {
+        TimeDelta shortPoint;
+        if (ReadShortPoint(&shortPoint)) {
+            if (!steps.Step(shortPoint)) return false;
+            continue;
+        }
         c = m_lexer.Next();
         switch (c) {
             case Format::kPointDeltaZero:

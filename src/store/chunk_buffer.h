@@ -148,7 +148,7 @@ public:
         // Keep one span of slack so that reads near the end still see their bytes in place.
         std::uint64_t keep = usedInLast + kSpanBytes;
         if (keep > kChunkSize) keep = kChunkSize;
-        if (keep >= m_lastCapacity) return;
+        if (keep + kShrinkThreshold > m_lastCapacity) return;  // not worth a reallocation
         if (usedInLast == 0) {
             Free(m_chunks[--m_count]);
             m_lastCapacity = kChunkSize;
@@ -181,7 +181,9 @@ private:
             m_chunks = static_cast<unsigned char**>(Reallocate(m_chunks, slots * sizeof(unsigned char*)));
             m_slots = slots;
         }
-        std::uint32_t first = m_count == 0 ? kFirstChunkBytes : kChunkSize;
+        // Every new chunk starts short and grows, so a stream just past a chunk boundary does
+        // not hold a whole empty chunk.
+        std::uint32_t first = kFirstChunkBytes;
         if (first < n) first = n;
         m_chunks[m_count] = static_cast<unsigned char*>(Allocate(first));
         ++m_count;
@@ -190,6 +192,8 @@ private:
     }
 
     static constexpr std::uint32_t kFirstChunkBytes = kChunkSize < 64 ? kChunkSize : 64;
+    // Unused bytes below which ShrinkToFit leaves the last chunk as it is.
+    static constexpr std::uint32_t kShrinkThreshold = 256;
 
     // Appends read the first three: size and capacity for the room, the table for the chunk.
     std::uint64_t m_size = 0;            // bytes used

@@ -75,17 +75,6 @@ bool FindScaled(std::uint64_t difference, unsigned* group, std::uint64_t* mantis
 
 unsigned EncodeStepUnscaled(unsigned char* out, const TimeDelta& step) {
     const std::uint32_t delta = step.delta & 0xFFFF;
-    if (delta == 0 && step.difference >= 2 && step.difference <= 0xFFFF) {  // the usual steps
-        if (step.difference <= 0xFF) {
-            out[0] = 63;
-            out[1] = static_cast<unsigned char>(step.difference);
-            return 2;
-        }
-        out[0] = 67;
-        out[1] = static_cast<unsigned char>(step.difference);
-        out[2] = static_cast<unsigned char>(step.difference >> 8);
-        return 3;
-    }
     const unsigned form = DeltaForm(delta);
     const std::uint64_t difference = static_cast<std::uint64_t>(step.difference);
     if (difference <= 1) {

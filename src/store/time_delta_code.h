@@ -38,6 +38,21 @@ inline constexpr unsigned kMaxPatternLength = 4;
 unsigned EncodeStepShortest(unsigned char* out, const TimeDelta& step);
 // Codes `step` in the narrowest unscaled form (as a file reader refills a store).
 unsigned EncodeStepUnscaled(unsigned char* out, const TimeDelta& step);
+// EncodeStepUnscaled with the usual steps (2 to 65535 with delta 0) coded inline.
+inline unsigned EncodeStepUnscaledInline(unsigned char* out, const TimeDelta& step) {
+    if ((step.delta & 0xFFFF) == 0 && step.difference >= 2 && step.difference <= 0xFFFF) {
+        if (step.difference <= 0xFF) {
+            out[0] = 63;
+            out[1] = static_cast<unsigned char>(step.difference);
+            return 2;
+        }
+        out[0] = 67;
+        out[1] = static_cast<unsigned char>(step.difference);
+        out[2] = static_cast<unsigned char>(step.difference >> 8);
+        return 3;
+    }
+    return EncodeStepUnscaled(out, step);
+}
 // Codes the header of a repeat code for a pattern of `length` steps (1-4) played `count` times.
 unsigned EncodeRepeatHeader(unsigned char* out, unsigned length, std::uint64_t count);
 

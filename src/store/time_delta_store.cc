@@ -69,12 +69,7 @@ void KTimeDeltaStore::Clear() {
     lastDelta = 0;
 }
 
-void KTimeDeltaStore::AppendDirectStep(const TimeDelta& step) {
-    // Common case: code straight into the last chunk, leaving room for the end code.
-    if (unsigned char* at = m_bytes.WritePointer(kMaxStepBytes + 1)) {
-        m_bytes.Advance(EncodeStepUnscaled(at, step));
-        return;
-    }
+void KTimeDeltaStore::AppendDirectStepSlow(const TimeDelta& step) {
     m_bytes.MakeRoom(kMaxStepBytes + 1);
     unsigned char code[kMaxStepBytes];
     m_bytes.Append(code, EncodeStepUnscaled(code, step));

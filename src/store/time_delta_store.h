@@ -54,12 +54,21 @@ public:
     void Clear();
 
     // Direct appends (no pattern search); each may throw and then changes nothing.
-    void AppendDirectStep(const TimeDelta& step);
+    void AppendDirectStep(const TimeDelta& step) {
+        // Common case: code straight into the last chunk, leaving room for the end code.
+        if (unsigned char* at = m_bytes.WritePointer(kMaxStepBytes + 1)) {
+            m_bytes.Advance(EncodeStepUnscaledInline(at, step));
+            return;
+        }
+        AppendDirectStepSlow(step);
+    }
     void AppendDirectRepeat(unsigned length, std::uint64_t count, const TimeDelta* steps);
     void AppendEndCode();
     // Makes room for the end code, which AppendReservedEndCode() then writes without failing.
     // Direct appends keep that room.
     void ReserveEndCode() { m_bytes.MakeRoom(1); }
+    // Gives back the unused end of the last chunk (when worth it; never fails).
+    void ShrinkToFit() { m_bytes.ShrinkToFit(); }
     void AppendReservedEndCode() {
         m_bytes.PushByte(kEndCode);
         m_ended = true;
@@ -115,6 +124,7 @@ private:
         2 * (kMaxRepeatHeaderBytes + kMaxPatternLength * kMaxStepBytes) + (Finder::kMaxLiteralBatch + kMaxPatternLength) * kMaxStepBytes;
 
     StepResult ReadCode(TimeCursor* cursor, TimeDelta* step) const;
+    void AppendDirectStepSlow(const TimeDelta& step);
     // REQUIRES: room for one repeat code.
     void AppendRepeat(const TimeDelta* pattern, unsigned length, std::uint64_t repetitions,
                       unsigned (*encode)(unsigned char*, const TimeDelta&));
