@@ -3,6 +3,7 @@
 // Raw reader layer; one thread at a time.
 #include "rawreader/raw_reader.h"
 
+#include <algorithm>
 #include <cstring>
 #include <new>
 
@@ -194,12 +195,18 @@ void KRawTarvelRead::Attach(std::int32_t parent, std::int32_t child, std::int32_
     SignalEntry* up = Find(parent);
     SignalEntry* down = Find(child);
     if (!up || !down || parent == child) return;
+    if (SignalEntry* old = Find(down->parent)) {  // a signal has one parent: attached again, it moves
+        Vector<std::int32_t>& siblings = old->children;
+        siblings.erase(std::remove(siblings.begin(), siblings.end(), child), siblings.end());
+    }
     down->parent = parent;
     down->position = position;
     Vector<std::int32_t>& children = up->children;
     children.push_back(child);
     // Keep the children in position order (they mostly arrive in it).
-    for (std::size_t i = children.size() - 1; i > 0 && Find(children[i - 1])->position > position; --i) {
+    for (std::size_t i = children.size() - 1; i > 0; --i) {
+        const SignalEntry* before = Find(children[i - 1]);
+        if (!before || before->position <= position) break;
         std::swap(children[i - 1], children[i]);
     }
 }
