@@ -8,6 +8,7 @@
 #include <new>
 
 #include "rawreader/sourcer_access.h"
+#include "store/store_access.h"
 #include "writer/file_format.h"
 
 namespace Tarvel {
@@ -56,8 +57,11 @@ bool KRawTarvelRead::ParseLines() {
         m_lexer.SavePosition();
         bool stop = false;
         if (!ParseLine(m_lexer.Next(), &stop)) return false;
-        if (stop) return true;
+        if (stop) break;
     }
+    // Blocks grow the stores' last chunks as they come; what is read is final until Continue.
+    for (SignalEntry& entry : m_signals) ShrinkTimeSteps(entry.store);
+    return true;
 }
 
 bool KRawTarvelRead::ParseLine(int c, bool* stop) {
@@ -257,7 +261,9 @@ bool KRawTarvelRead::ParseElementList(int& c, std::int32_t busHandle) {
         const std::int32_t position = given != m_elementPositions.end() ? given->second : static_cast<std::int32_t>(i);
         if (given != m_elementPositions.end()) m_elementPositions.erase(given);
         SignalEntry& element = Declare(handle);
-        const SignalEntry& bus = *Find(busHandle);
+        const SignalEntry* busEntry = Find(busHandle);  // again: Declare may have moved the entries
+        if (!busEntry) return false;
+        const SignalEntry& bus = *busEntry;
         element.endTime = bus.endTime;
         element.type = bus.type.ChildType(position);
         element.typeId = TypeIdOf(element.type.Text());

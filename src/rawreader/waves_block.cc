@@ -36,21 +36,22 @@ std::int64_t SourceEntries(const KEventsStore& store) {
 // first one is made relative to the store's last event; the absolute time is kept.
 class KBlockSteps {
 public:
-    KBlockSteps(KEventsStore* store, int64 offset) : m_offset(offset) { OpenDirectSteps(StoreAccess::BodySlot(*store), &m_state); }
+    KBlockSteps(KEventsStore* store, int64 offset) {
+        OpenDirectSteps(StoreAccess::BodySlot(*store), &m_state);
+        // The refill's running time is the store's last time; the block's first step is taken
+        // from time 0, so it starts from `offset` (the signal's last event) instead.
+        m_state.time = offset;
+        m_countBefore = m_state.count;
+    }
     ~KBlockSteps() { CloseDirectSteps(m_state); }
     KBlockSteps(const KBlockSteps&) = delete;
     KBlockSteps& operator=(const KBlockSteps&) = delete;
 
     bool Step(const TimeDelta& step) {
-        if (m_events >= kMaxEvents) return false;
-        int64 difference = step.difference;
-        if (m_first) {
-            difference = WrapAdd(difference, -m_offset);
-            m_first = false;
-        }
+        if (Events() >= kMaxEvents) return false;
+        const int64 difference = m_first ? WrapAdd(step.difference, -m_state.time) : step.difference;
+        m_first = false;
         AppendDirectStep(m_state, difference, step.delta);
-        m_time = WrapAdd(m_time, step.difference);
-        ++m_events;
         return true;
     }
 
@@ -62,28 +63,22 @@ public:
             }
             if (--count == 0) return true;
         }
-        if (count > (kMaxEvents - m_events) / length) return false;
+        if (count > (kMaxEvents - Events()) / length) return false;
         std::pair<int64, int> steps[kMaxPatternLength];
-        int64 sum = 0;
-        for (unsigned i = 0; i < length; ++i) {
-            steps[i] = {pattern[i].difference, static_cast<int>(pattern[i].delta)};
-            sum = WrapAdd(sum, pattern[i].difference);
-        }
-        if (!AppendDirectRepeat(m_state, static_cast<int>(length), static_cast<int64>(count), steps)) return false;
-        m_time = WrapAdd(m_time, static_cast<int64>(static_cast<std::uint64_t>(sum) * count));
-        m_events += count * length;
-        return true;
+        for (unsigned i = 0; i < length; ++i) steps[i] = {pattern[i].difference, static_cast<int>(pattern[i].delta)};
+        return AppendDirectRepeat(m_state, static_cast<int>(length), static_cast<int64>(count), steps);
     }
 
-    void End() { m_state.body->endTime = m_time; }
-    int64 Time() const { return m_time; }
+    void End() { m_state.body->endTime = m_state.time; }
+    // Absolute time of the block's last step.
+    int64 Time() const { return m_state.time; }
 
 private:
-    DirectStepsState m_state;     // the refill of the store's time steps
-    int64 m_offset;               // time of the store's last event before the block
-    bool m_first = true;          // the next step is the block's first
-    int64 m_time = 0;             // absolute time of the block's last step
-    std::uint64_t m_events = 0;   // steps so far
+    std::uint64_t Events() const { return static_cast<std::uint32_t>(m_state.count - m_countBefore); }
+
+    DirectStepsState m_state;  // the refill of the store's time steps; its time is absolute
+    int m_countBefore = 0;     // events of the store before the block
+    bool m_first = true;       // the next step is the block's first
 };
 
 // Forwards a store's emission into a KBlockSteps (appending one signal's block to another).

@@ -24,7 +24,6 @@ void OpenDirectSteps(KEventsStoreBody** handleBody, DirectStepsState* state) {
 void CloseDirectSteps(const DirectStepsState& state) noexcept {
     KTimeDeltaStore& steps = state.body->timeDeltas;
     steps.AppendReservedEndCode();
-    steps.ShrinkToFit();
     steps.eventCount = state.count;
     steps.lastTime = state.time;
     steps.lastDelta = state.delta;

@@ -28,6 +28,12 @@ inline void AppendDirectStep(DirectStepsState& state, int64 difference, unsigned
     state.time = static_cast<int64>(static_cast<std::uint64_t>(state.time) + static_cast<std::uint64_t>(difference));
     state.delta = delta;
 }
+// Gives back the unused end of a store's time steps when the handle holds its body alone (a
+// shared body may be read on other threads meanwhile). Never fails.
+inline void ShrinkTimeSteps(KEventsStore& store) noexcept {
+    KEventsStoreBody* body = StoreAccess::Body(store);
+    if (body->OwnedAlone()) body->timeDeltas.ShrinkToFit();
+}
 // Appends a repeat code; false for a length outside 1-4 or a negative count.
 bool AppendDirectRepeat(DirectStepsState& state, int length, int64 count, const std::pair<int64, int>* steps);
 

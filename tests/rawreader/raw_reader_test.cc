@@ -1,0 +1,567 @@
+// The raw reader against the writer: seeded random designs written with flushes and commits and
+// read back whole or while they grow, hand-written files of every layout, the reader's edge
+// cases and truncated files. Tests of the raw reader layer; single-threaded.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cmath>
+#include <cstring>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <random>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+
+#include "rawreader/lexer_test_support.h"
+#include "rawreader/raw_reader_dump.h"
+#include "tarvel/raw_reader.h"
+#include "tarvel/writer.h"
+#include "typeinfo/type_service.h"
+
+namespace Tarvel::Testing {
+namespace {
+
+using Reader = std::unique_ptr<IRawTarvelRead, void (*)(IRawTarvelRead*)>;
+Reader Open(const std::string& path) { return Reader(CreateRawTarvelRead(path.c_str()), DeleteRawTarvelRead); }
+
+#define W(call)                                               \
+    do {                                                          \
+        if (!(call)) throw std::runtime_error("failed: " #call); \
+    } while (false)
+
+// Scalar types by kind number: literal count (enumerations) and value size.
+constexpr const char* kScalar[] = {"e#9#std_logicc9 UX01ZWLH-", "e#4#fourc4 01XZ", "e#5#staten3#4#IDLE#4#LOAD#3#RUN",
+                                   "e#4#charc4 ab '", "i#7#integer", "f#4#real", "l#6#bigint", "p#4#time#2#fs"};
+constexpr int kLiterals[] = {9, 4, 3, 4};
+constexpr int kReal = 5;
+
+// Caller sources: two files in two spellings each (the writer numbers files without case).
+struct Sources final : ISourceCallback {
+    static constexpr const char* kFiles[] = {"top.vhd", "TOP.VHD", "lib/a b.vhd", "Lib/A B.vhd", "c.vhd"};
+    bool GetSourceLocation(int source, const char** fileName, int* line) const override {
+        if (source > 50) return false;
+        *fileName = kFiles[source % 5];
+        *line = source * 7;
+        return true;
+    }
+};
+
+struct Signal {
+    std::string name;
+    int type = 0, parent = -1, position = 0, children = 0, kind = -1, pattern = 0;
+    int64 end = 0;
+    bool vbus = false;
+    std::uint64_t value = 0;  // last value's bytes
+    std::map<std::string, std::string> properties;
+    std::string events;  // as the dump shows them
+};
+
+// A random design written through the writer, with the model of what a reader must present.
+class Design {
+public:
+    Design(std::uint64_t seed, const std::string& path, bool follow) : rng_(seed), path_(path), follow_(follow) {
+        timed_ = rng_() % 2;
+        w_ = timed_ ? CreateStreamWriteTimed(path.c_str(), &sources_) : CreateStreamWrite(path.c_str());
+        W(w_ != nullptr);
+    }
+    ~Design() { w_ && w_->Release(); }
+
+    // Writes the whole file; while following, a reader checks every commit on the way.
+    void Run() {
+        if (rng_() % 3 == 0) W(w_->SetResolution(resolution_ = std::vector<int64>{1, 10, 1000000}[rng_() % 3]));
+        for (const char* name : {"Project", "TopLevel"}) {
+            if (rng_() % 3 == 0) AddProperty(-1, name, "top \"x\"", 0);
+        }
+        for (int phase = 1 + rng_() % 4; phase > 0; --phase) {
+            for (int n = 2 + rng_() % 8; n > 0; --n) Declare();
+            for (int n = rng_() % 30; n > 0; --n) Step();
+        }
+        Commit(false);
+        ITarvelWrite* w = w_;
+        w_ = nullptr;
+        W(w->Release());
+        if (follower_) Check(false);
+    }
+
+    std::string Expected() const {
+        std::string o = "file timed=" + std::to_string(timed_) + " resolution=" + std::to_string(resolution_) +
+                        " end=" + std::to_string(end_) + "\n";
+        for (const char* name : {"Project", "TopLevel"}) {
+            if (top_.count(name)) o += std::string("top ") + name + "=" + top_.at(name) + "\n";
+        }
+        for (std::size_t i = 0; i < types_.size(); ++i) o += "type " + std::to_string(i + 1) + " " + types_[i] + "\n";
+        for (const int& h : order_) {
+            const Signal& s = signals_.at(h);
+            std::map<std::string, std::string> properties = s.properties;
+            if (s.vbus) properties["VBus"] = "1";
+            o += "signal " + std::to_string(h) + " nr=" + std::to_string(&h - order_.data()) + " name=" + s.name +
+                 " type=" + (s.type ? std::to_string(s.type) : "none") +
+                 " parent=" + (s.parent < 0 ? "-" : std::to_string(s.parent)) + " pos=" + std::to_string(s.position) +
+                 " children=" + std::to_string(s.children) + " end=" + std::to_string(s.end) + "\n";
+            for (const auto& [name, value] : properties) o += "  prop " + name + "=" + value + "\n";
+            if (!s.events.empty()) o += "  events size=" + std::to_string(s.kind < kReal ? 4 : 8) + ":" + s.events + "\n";
+        }
+        for (const std::string& p : propertyLines_) o += p;
+        for (std::size_t i = 0; i < sourceLines_.size(); ++i) o += "source " + std::to_string(i + 1) + " " + sourceLines_[i] + "\n";
+        return o;
+    }
+
+private:
+    int NewHandle() {
+        do {
+            lastHandle_ = rng_() % 4 ? lastHandle_ + 1 + static_cast<int>(rng_() % 3) : static_cast<int>(rng_() % 1000000);
+        } while (signals_.count(lastHandle_));
+        return lastHandle_;
+    }
+
+    // Names that share a front and a back with the one before, now and then with bytes to quote.
+    std::string NewName() {
+        static const char kChars[] = "abcxyz_019. \"\\\xe9\n";
+        auto piece = [&](std::size_t n) {
+            std::string s;
+            while (n-- > 0) s += kChars[rng_() % (rng_() % 3 ? 10 : sizeof kChars - 1)];
+            return s;
+        };
+        const std::size_t n = lastName_.size(), front = rng_() % (n + 1), back = rng_() % (n - front + 1);
+        switch (rng_() % 5) {
+            case 0: break;
+            case 1: lastName_ = piece(rng_() % 10); break;
+            case 2: lastName_ = "top.u" + std::to_string(rng_() % 20) + ".s"; break;
+            default: lastName_ = lastName_.substr(0, front) + piece(rng_() % 4) + lastName_.substr(n - back); break;
+        }
+        return lastName_;
+    }
+
+    int64 DeclarationTime() {
+        switch (rng_() % 4) {
+            case 0: return lastTime_;
+            case 1: return time_;
+            case 2: return static_cast<int64>(rng_() % 1000);
+            default: return 1000000000000 + static_cast<int64>(rng_() % 1000);
+        }
+    }
+
+    int Type(int handle, const std::string& text) {
+        W(w_->SetTypeInfo(handle, text.c_str()));
+        const auto it = std::find(types_.begin(), types_.end(), text);
+        if (it != types_.end()) return static_cast<int>(it - types_.begin()) + 1;
+        types_.push_back(text);
+        return static_cast<int>(types_.size());
+    }
+
+    void Add(int handle, Signal s, bool pending = false) {
+        s.pattern = static_cast<int>(rng_() % 4);
+        signals_[handle] = std::move(s);
+        if (!pending) WritePendingElements();
+        (pending ? pending_ : order_).push_back(handle);
+        if (signals_[handle].kind >= 0) scalars_.push_back(handle);
+    }
+
+    void WritePendingElements() {
+        for (int h : pending_) order_.push_back(h), ++signals_[pendingBus_].children;
+        pending_.clear();
+        pendingBus_ = -1;
+    }
+
+    void Declare() {
+        const int h = NewHandle(), mode = static_cast<int>(rng_() % 8), pick = static_cast<int>(rng_() % 12);
+        const int64 time = DeclarationTime();
+        const std::string name = NewName();
+        if (pick < 5) {  // a scalar signal, at the top or below another signal or below an unknown handle
+            Signal s;
+            s.kind = static_cast<int>(rng_() % 8);
+            s.type = Type(h, kScalar[s.kind]);
+            const int where = rng_() % 10;
+            const int parent = where < 7 || tops_.empty() ? -1 : where < 9 ? tops_[rng_() % tops_.size()] : 5000000 + where;
+            s.position = parent < 0 ? 0 : static_cast<int>(rng_() % 10);
+            W(w_->StoreSignal(h, mode, parent, s.position, name.c_str(), time));
+            s.parent = parent < 5000000 ? parent : -1;  // a known signal takes the child; else none
+            if (s.parent < 0) s.position = 0;
+            else ++signals_[parent].children;
+            Declared(h, s, name, time);
+            if (parent < 0) tops_.push_back(h);
+        } else if (pick < 7) {  // a bus of an array or record type
+            const std::string low = std::to_string(static_cast<int>(rng_() % 9) - 3), high = std::to_string(rng_() % 6);
+            const std::string text = std::vector<std::string>{
+                "a#3#slv[" + high + "d0]e#9#std_logicc9 UX01ZWLH-", "a#4#nibs[" + low + "t" + high + "]e#4#fourc4 01XZ",
+                "a#4#ints[" + high + "d" + low + "]i#7#integer",
+                "r#6#packet2#4#addri#7#integer#4#datae#4#fourc4 01XZ"}[rng_() % 4];
+            Signal s;
+            s.type = Type(h, text);
+            const int width = static_cast<int>(TypeHandle(text.c_str()).ChildCount());
+            W(w_->StoreBus(h, mode, rng_() % 2 ? width : 0, -1, 0, name.c_str(), time));
+            Declared(h, s, name, time);
+            buses_[h] = {text, time, std::vector<int>(width, 0)};
+        } else if (pick < 9 && !buses_.empty()) {  // elements of a bus declared before
+            auto bus = std::next(buses_.begin(), static_cast<long>(rng_() % buses_.size()));
+            for (int n = 1 + rng_() % 4, p = static_cast<int>(rng_() % bus->second.taken.size()); n > 0; --n, p = (p + 1) % static_cast<int>(bus->second.taken.size())) {
+                if (bus->second.taken[p]++) continue;
+                const int e = NewHandle();
+                const TypeHandle type = TypeHandle(bus->second.text.c_str()).ChildType(p);
+                Signal s;
+                s.kind = static_cast<int>(std::find(std::begin(kScalar), std::end(kScalar), std::string(type.Text())) - kScalar);
+                s.type = Type(e, type.Text());
+                s.name = TypeHandle(bus->second.text.c_str()).ChildName(p);
+                s.parent = bus->first;
+                s.position = p;
+                const int64 at = rng_() % 2 ? bus->second.time : DeclarationTime();
+                s.end = timed_ ? (at != bus->second.time ? at : 0) : at;
+                W(w_->StoreSignal(e, mode, bus->first, p, "ignored", at));
+                if (pendingBus_ != bus->first) WritePendingElements();
+                pendingBus_ = bus->first;
+                Add(e, s, true);
+            }
+        } else if (pick < 10) {  // a virtual bus
+            W(w_->StoreBus(h, kPortVirtualBus, static_cast<int>(rng_() % 4), -1, 0, name.c_str(), time));
+            Signal s;
+            s.vbus = true;
+            Declared(h, s, name, time);
+            lastVirtualBus_ = h;
+        } else if (lastVirtualBus_ >= 0 && !tops_.empty()) {  // a member of the virtual bus declared last
+            const int member = tops_[rng_() % tops_.size()];
+            tops_.erase(std::find(tops_.begin(), tops_.end(), member));
+            W(w_->StoreProperty(rng_() % 2 ? 0 : time_, member, "VBus", "1"));
+            WritePendingElements();
+            signals_[member].parent = lastVirtualBus_;
+            signals_[member].position = signals_[lastVirtualBus_].children++;
+        } else {
+            Property();
+        }
+    }
+
+    void Declared(int h, Signal& s, const std::string& name, int64 time) {
+        s.name = name;
+        if (!timed_) lastTime_ = time;  // a long form carries it; a short form has it already
+        s.end = timed_ ? 0 : time;
+        Add(h, s);
+    }
+
+    void Property() {
+        static const char* kNames[] = {"Comment", "Measurement", "Stimulator", "EmptyRow", "Expression", "Hidden", "CS", "odd name"};
+        static const char* kValues[] = {"1", "0", "a b", "say \"hi\"", "", "x\\y", "two\nlines"};
+        if (signals_.empty()) return;
+        const int h = std::next(signals_.begin(), static_cast<long>(rng_() % signals_.size()))->first;
+        const std::string name = kNames[rng_() % 8];
+        const bool flag = name == "Hidden" || name == "CS";
+        if (!signals_[h].properties.count(name)) {
+            AddProperty(h, name, kValues[rng_() % (flag ? 2 : 7)], rng_() % 2 ? 0 : 1 + static_cast<int64>(rng_() % 100000));
+        }
+    }
+
+    void AddProperty(int h, const std::string& name, const std::string& value, int64 time) {
+        W(w_->StoreProperty(time, h, name.c_str(), value.c_str()));
+        (h < 0 ? top_ : signals_[h].properties)[name] = value;
+        if (time != 0) {
+            WritePendingElements();
+            propertyLines_.push_back(PropertyLine(h, time, name, value));
+            return;
+        }
+        const std::string key = name + '\0' + value;
+        if (!pendingIndex_.count(key)) pendingIndex_[key] = pendingProperties_.size(), pendingProperties_.push_back({name, value, {}});
+        pendingProperties_[pendingIndex_[key]].handles.insert(h);
+    }
+
+    static std::string PropertyLine(int h, int64 time, const std::string& name, const std::string& value) {
+        return "property " + std::to_string(h) + " " + std::to_string(time) + " " + name + "=" + value + "\n";
+    }
+
+    int SourceNumber(int source) {
+        const char* file = nullptr;
+        int line = 0;
+        if (!timed_ || source == 0 || !sources_.GetSourceLocation(source, &file, &line)) return 0;
+        if (!sourceNumbers_.count(source)) {
+            std::string key = file;
+            for (char& c : key) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+            if (!fileSpelling_.count(key)) fileSpelling_[key] = file;
+            sourceNumbers_[source] = static_cast<int>(sourceLines_.size()) + 1;
+            sourceLines_.push_back(fileSpelling_[key] + ":" + std::to_string(line));
+        }
+        return sourceNumbers_[source];
+    }
+
+    // One (time, delta) with events of some signals, then now and then a flush, commit or more.
+    void Step() {
+        static const int64 kGaps[] = {0, 5, 10, 1000, 5000, 1000000};
+        const int64 gap = rng_() % 4 ? kGaps[rng_() % 6] : static_cast<int64>(rng_() % 100000);
+        if (gap == 0) {
+            W(w_->SetDelta(delta_ += 1 + static_cast<unsigned>(rng_() % 300)));
+        } else {
+            W(rng_() % 2 ? w_->SetTime(time_ += gap) : w_->MoveTime(gap));
+            time_ = w_->GetTime();
+            delta_ = 0;
+        }
+        static const double kChance[] = {0.9, 0.5, 0.2, 0.03};
+        for (int h : scalars_) {
+            Signal& s = signals_[h];
+            if (std::uniform_real_distribution<>(0, 1)(rng_) < kChance[s.pattern]) Store(h, s);
+        }
+        switch (rng_() % 16) {
+            case 0:
+                W(w_->Flush());
+                Flushed();
+                if (follower_) Check(false);
+                break;
+            case 1: Commit(true); break;
+            case 2:
+                W(w_->FlushDeclarations());
+                WritePendingElements();
+                break;
+            case 3: Property(); break;
+            case 4: Declare(); break;
+            case 5: if (!timed_) W(w_->SetDefaultEndTime(end_ = static_cast<int64>(rng_() % 100000))); break;
+            case 6: { const int source = static_cast<int>(rng_() % 60); if (w_->StoreSource(source) != (SourceNumber(source) != 0)) throw std::runtime_error("StoreSource"); } break;
+            default: break;
+        }
+    }
+
+    void Store(int h, Signal& s) {
+        std::uint64_t& v = s.value;
+        const bool clock = s.pattern == 0, counter = s.pattern == 1;
+        if (s.kind < 4) {
+            v = clock ? (v == 2 ? 3 : 2) % kLiterals[s.kind] : counter ? (v + 1) % kLiterals[s.kind] : rng_() % kLiterals[s.kind];
+        } else if (s.kind == kReal) {
+            double d;
+            std::memcpy(&d, &v, 8);
+            char text[32];
+            std::snprintf(text, sizeof text, "%de%d", static_cast<int>(rng_() % 2000000) - 1000000, static_cast<int>(rng_() % 60) - 30);
+            d = clock ? (d == 0.25 ? -0.5 : 0.25) : counter ? d + 0.25 : rng_() % 50 ? std::strtod(text, nullptr) : rng_() % 2 ? -0.0 : HUGE_VAL;
+            std::memcpy(&v, &d, 8);
+        } else {
+            const std::uint64_t random = rng_() >> (rng_() % 64);
+            v = clock ? v ^ 1 : counter ? v + (s.kind == 4 ? 1 : 1000) : rng_() % 2 ? random : 0 - random;
+        }
+        const int size = w_->GetValueSize(h), source = rng_() % 3 ? 0 : static_cast<int>(rng_() % 60);
+        W(size == (s.kind < kReal ? 4 : 8));
+        std::unique_ptr<unsigned char[]> bytes(new unsigned char[static_cast<std::size_t>(size)]);
+        std::memcpy(bytes.get(), &v, static_cast<std::size_t>(size));
+        W(w_->StoreValueWithSource(h, bytes.get(), source));
+        unsigned char eight[8];
+        std::memcpy(eight, &v, 8);
+        s.events += EventText(time_, delta_, eight, size, s.kind == kReal, SourceNumber(source));
+    }
+
+    void Flushed() {
+        WritePendingElements();
+        for (const PendingProperty& p : pendingProperties_) {
+            for (int h : p.handles) propertyLines_.push_back(PropertyLine(h, 0, p.name, p.value));
+        }
+        pendingProperties_.clear();
+        pendingIndex_.clear();
+    }
+
+    void Commit(bool resume) {
+        W(w_->Commit());
+        Flushed();
+        if (timed_) end_ = time_;
+        committed_ = Expected();
+        if (follow_) Check(!follower_);
+        if (resume) W(w_->Resume());
+    }
+
+    // The follower opens the file once, then reads on; it must present the last commit.
+    void Check(bool open) {
+        if (open) follower_ = Open(path_);
+        if (!follower_) throw std::runtime_error("the follower cannot open the file");
+        if (!open && !follower_->Continue()) throw std::runtime_error("Continue failed");
+        EXPECT_EQ(committed_, Dump(*follower_)) << (open ? "opened" : "continued");
+        if (::testing::Test::HasFailure()) throw std::runtime_error("the follower differs");
+    }
+
+    struct Bus { std::string text; int64 time; std::vector<int> taken; };
+    struct PendingProperty { std::string name, value; std::set<int> handles; };
+    std::mt19937_64 rng_;
+    std::string path_;
+    bool follow_, timed_ = false;
+    Sources sources_;
+    ITarvelWrite* w_ = nullptr;
+    Reader follower_{nullptr, DeleteRawTarvelRead};
+    int64 resolution_ = 1000, end_ = 0, time_ = 0, lastTime_ = 0;
+    unsigned delta_ = 0;
+    int lastHandle_ = 0, lastVirtualBus_ = -1, pendingBus_ = -1;
+    std::string lastName_ = "top.cpu.alu.result", committed_;
+    std::vector<std::string> types_, propertyLines_, sourceLines_;
+    std::map<int, Signal> signals_;
+    std::vector<int> order_, pending_, tops_, scalars_;
+    std::map<int, Bus> buses_;
+    std::map<std::string, std::string> top_, fileSpelling_;
+    std::vector<PendingProperty> pendingProperties_;
+    std::map<std::string, std::size_t> pendingIndex_;
+    std::map<int, int> sourceNumbers_;
+};
+
+// Writes the design of `seed` into `path` (following it with a reader if asked) and returns the
+// model's view of the finished file.
+std::string WriteDesign(std::uint64_t seed, const std::string& path, bool follow = false) {
+    Design design(seed, path, follow);
+    design.Run();
+    return design.Expected();
+}
+
+TEST(RawReader, RandomDesignsReadBackAsWritten) {
+    const char* fixed = std::getenv("TARVEL_SEED");
+    const std::uint64_t first = fixed ? std::strtoull(fixed, nullptr, 10) : std::random_device()();
+    ScratchFolder folder;
+    for (std::uint64_t seed = first; seed < first + (fixed ? 1 : 1000); ++seed) {
+        SCOPED_TRACE("seed " + std::to_string(seed) + " (TARVEL_SEED=" + std::to_string(seed) + " repeats it)");
+        const std::string path = folder.File(std::to_string(seed) + ".twf");
+        try {
+            const std::string expected = WriteDesign(seed, path, seed % 3 == 0);
+            Reader reader = Open(path);
+            ASSERT_NE(reader, nullptr);
+            ASSERT_EQ(expected, Dump(*reader));
+        } catch (const std::exception& e) {
+            FAIL() << e.what();
+        }
+        std::remove(path.c_str());
+    }
+}
+
+// Writes seed files for the raw reader's fuzz target: TARVEL_CORPUS_OUT=<folder>, and run with
+// --gtest_also_run_disabled_tests --gtest_filter=*SeedCorpus*.
+TEST(RawReader, DISABLED_WriteSeedCorpus) {
+    const char* out = std::getenv("TARVEL_CORPUS_OUT");
+    ASSERT_NE(out, nullptr);
+    for (std::uint64_t seed = 1, kept = 0; kept < 40; ++seed) {
+        const std::string path = std::string(out) + "/design" + std::to_string(seed) + ".twf";
+        WriteDesign(seed, path);
+        std::ifstream(path, std::ios::ate).tellg() < 4000 ? ++kept : std::remove(path.c_str());
+    }
+}
+
+std::string DataFile(const std::string& name) { return std::string(std::getenv("TARVEL_TEST_DATA")) + "/rawreader/files/" + name; }
+
+// Each hand-written file carries what the reader must present in its ";>" comment lines.
+TEST(RawReader, HandWrittenFilesOfEveryLayoutReadAsDocumented) {
+    for (const char* name : {"version1.twf", "version2.twf", "version4.twf"}) {
+        SCOPED_TRACE(name);
+        std::istringstream lines(ReadBytes(DataFile(name)));
+        std::string expected, line;
+        while (std::getline(lines, line)) {
+            if (line.rfind(";>", 0) == 0) expected += line.substr(2, line.find_last_not_of('\r') - 1) + "\n";
+        }
+        Reader reader = Open(DataFile(name));
+        EXPECT_EQ(expected, reader ? Dump(*reader) : "refused");
+    }
+}
+
+constexpr const char* kStd = "I 1 \"e#9#std_logicc9 UX01ZWLH-\"\r\n";
+constexpr const char* kBody = "$IN 1 1 a\r\n$OUT 2 1 b\r\n$IN 3 1 c\r\n$WAVES 1\r\nT 0\r\n$VALUES\r\nH\r\n$END\r\n";
+
+// Reads `bytes` as a file: null when the reader refuses it.
+struct FileOf {
+    ScratchFolder folder;
+    Reader reader;
+    explicit FileOf(const std::string& bytes) : reader(nullptr, DeleteRawTarvelRead) {
+        WriteBytes(folder.File("f.twf"), bytes);
+        reader = Open(folder.File("f.twf"));
+    }
+};
+
+std::string DumpOf(const std::string& bytes) {
+    FileOf file(bytes);
+    return file.reader ? Dump(*file.reader) : "refused";
+}
+
+TEST(RawReader, HeadersTerminatorsAndResolution) {
+    const std::string body = std::string(kStd) + kBody;
+    FileOf timed("$WAVE4TIMED \t \r\n" + body + "$ENDWAVE\r\n");
+    ASSERT_TRUE(timed.reader);
+    EXPECT_TRUE(timed.reader->IsTimed());
+    const std::string two = ReadBytes(DataFile("version2.twf"));  // "WAVE3" reads exactly as "WAVE2"
+    EXPECT_EQ(DumpOf(two), DumpOf("$WAVE3" + two.substr(6)));
+    EXPECT_EQ(DumpOf("$WAVE2TIMED" + two.substr(6)), DumpOf("$WAVE3TIMED" + two.substr(6)));
+    for (const std::string& refused :
+         {"$WAVE4 extra\r\n" + body + "$ENDWAVE\r\n", "$WAVE5\r\n" + body + "$ENDWAVE\r\n", "WAVE4\r\n" + body + "$ENDWAVE\r\n",
+          "$WAVE4\r\n$RESOLUTION 0\r\n" + body + "$ENDWAVE\r\n", "$WAVE4\r\n$RESOLUTION -5\r\n" + body + "$ENDWAVE\r\n",
+          "$WAVE4\r\n" + body, "$WAVE4\r\n" + body + "$ENDWAVEX\r\n", "$WAVE4\r\n" + body + "$ENDWAVE junk\r\n"}) {
+        EXPECT_EQ(DumpOf(refused), "refused") << refused;
+    }
+    const std::string whole = DumpOf("$WAVE4\r\n" + body + "$ENDWAVE\r\n");
+    EXPECT_NE(whole.find("signal 1 nr=0 name=a type=1 parent=- pos=0 children=0 end=0\n  events size=4: 0/0=7\n"),
+              std::string::npos) << whole;
+    EXPECT_EQ(whole, DumpOf("$WAVE4\r\n" + body + "$ENDWAVE"));  // no line end at all
+    EXPECT_EQ(whole, DumpOf("$WAVE4\r\n" + body + ":ENDWAVE\r\n$WAVES 1\r\nT 5\r\n$VAL"));
+    EXPECT_EQ(whole, DumpOf("$WAVE4\r\n" + body + ":"));
+    // Bare line feeds, and tabs and CRs between fields.
+    std::string loose = kBody;
+    for (std::size_t at = 0; (at = loose.find("\r\n", at)) != std::string::npos;) loose.replace(at, 2, "\n");
+    for (std::size_t at = 0; (at = loose.find(' ', at)) != std::string::npos; at += 3) loose.replace(at, 1, "\t\r ");
+    EXPECT_EQ(whole, DumpOf("$WAVE4\n" + std::string(kStd) + loose + "$ENDWAVE\n"));
+}
+
+TEST(RawReader, TypesIteratorsAndPropertyWalk) {
+    // Two type lines of the same std_logic text: elements take the first one's id.
+    FileOf types("$WAVE4\r\nI 5 \"e#9#std_logicc9 UX01ZWLH-\"\r\nI 2 \"e#9#std_logicc9 UX01ZWLH-\"\r\n"
+                 "I 3 \"a#3#slv[1d0]e#9#std_logicc9 UX01ZWLH-\"\r\n$BUS IN 7 3 2 v\r\nS 8 0\r\nS 9 1\r\n$SC 8-9\r\n"
+                 "$IN 10 2 x\r\n$WAVES 10\r\nT 0\r\n$VALUES\r\n-\r\n$END\r\n$ENDWAVE\r\n");
+    ASSERT_TRUE(types.reader);
+    EXPECT_EQ(types.reader->GetTypeId(8), 5);
+    EXPECT_EQ(types.reader->GetTypeId(9), 5);
+    EXPECT_NE(Dump(*types.reader).find("signal 10 nr=3 name=x type=2 parent=- pos=0 children=0 end=0\n  events size=4: 0/0=8"),
+              std::string::npos) << Dump(*types.reader);
+
+    FileOf empty("$WAVE4\r\n$ENDWAVE\r\n");
+    ASSERT_TRUE(empty.reader);
+    EXPECT_TRUE(empty.reader->BeginSignals() == empty.reader->EndSignals());
+    EXPECT_TRUE(empty.reader->BeginProperties() == empty.reader->EndProperties());
+    EXPECT_EQ(empty.reader->BeginTypes(), empty.reader->EndTypes());
+
+    // Property lines with two signals, none, one: the walk stops at the line without signals.
+    FileOf file("$WAVE4\r\n" + std::string(kStd) + kBody + "P 0 1 2 A a\r\nP 0 B b\r\nP 0 3 C c\r\n$ENDWAVE\r\n");
+    IRawTarvelRead& r = *file.reader;
+    int properties = 0;
+    for (auto p = r.BeginProperties(); p != r.EndProperties(); p++) ++properties;
+    EXPECT_EQ(properties, 2);
+    EXPECT_STREQ(r.GetProperty(3, "C"), "c");
+
+    using It = IRawTarvelRead::SignalIterator;
+    It a = r.FindSignal(2), b = a;
+    EXPECT_TRUE(a == ++r.BeginSignals() && r.FindSignal(2) == a && !(a < b) && !(b < a));
+    a += 0;
+    a += -3;
+    EXPECT_TRUE(a == b && *a == 2 && a.GetSignalNr() == 1);
+    It c = a;
+    ++c;
+    EXPECT_TRUE(a == r.FindSignal(2) && *c == 3 && c - a == 1 && a < c && c < r.EndSignals());
+    It d = c++;
+    EXPECT_TRUE(*d == 3 && c == r.EndSignals() && d - r.BeginSignals() == 2);
+    It e = r.BeginSignals();
+    e += 2;
+    EXPECT_TRUE(e == d && e.GetSignalHandle() == 3);
+    // Unknown signals.
+    int count = 0;
+    EXPECT_TRUE(r.FindSignal(99) == r.EndSignals());
+    EXPECT_FALSE(r.GetSignalPlace(99, &count, nullptr, nullptr, nullptr, nullptr, nullptr));
+    EXPECT_FALSE(r.GetSignalPlace(r.EndSignals(), &count, nullptr, nullptr, nullptr, nullptr, nullptr));
+    EXPECT_EQ(r.GetTypeId(99), -1);
+    EXPECT_EQ(r.GetTypeId(r.EndSignals()), -1);
+    EXPECT_EQ(r.GetSignalData(99), nullptr);
+    EXPECT_EQ(r.GetProperty(99, "CS"), nullptr);
+    EXPECT_EQ(r.GetTypeInfo(77), nullptr);
+}
+
+// Every prefix of a small written file: refused until its terminator is whole, never a crash.
+TEST(RawReader, TruncatedFilesAreRefusedWithoutFaults) {
+    ScratchFolder folder;
+    const std::string path = folder.File("whole.twf");
+    std::string whole;
+    for (std::uint64_t seed = 7; whole.size() < 1500 || whole.size() > 6000; ++seed) {
+        WriteDesign(seed, path);
+        whole = ReadBytes(path);
+    }
+    const std::size_t complete = whole.rfind("$ENDWAVE") + 8;
+    for (std::size_t n = 0; n <= whole.size(); ++n) {
+        FileOf cut(whole.substr(0, n));
+        ASSERT_EQ(cut.reader != nullptr, n >= complete) << "prefix of " << n << " bytes";
+        int faults = 0;
+        if (cut.reader) Dump(*cut.reader, ~0u, &faults);
+        EXPECT_EQ(faults, 0) << "prefix of " << n << " bytes";
+    }
+}
+
+}  // namespace
+}  // namespace Tarvel::Testing
