@@ -21,6 +21,28 @@
 namespace Tarvel::Platform {
 namespace {
 
+// The runtime's 64-bit stream positions.
+std::int64_t RuntimeTell(std::FILE* stream) noexcept {
+#if defined(_WIN32)
+    return _ftelli64(stream);
+#else
+    return static_cast<std::int64_t>(ftello(stream));
+#endif
+}
+
+bool RuntimeSeek(std::FILE* stream, std::int64_t position) noexcept {
+    if (position < 0) return false;
+#if defined(_WIN32)
+    return _fseeki64(stream, position, SEEK_SET) == 0;
+#else
+    return fseeko(stream, static_cast<off_t>(position), SEEK_SET) == 0;
+#endif
+}
+
+}  // namespace
+
+namespace {
+
 std::atomic<const FileHooks*> g_fileHooks{nullptr};
 
 const FileHooks* Hooks() noexcept { return g_fileHooks.load(std::memory_order_acquire); }
@@ -160,23 +182,14 @@ std::int64_t TellFile(std::FILE* stream) noexcept {
     if (const FileHooks* hooks = Hooks(); hooks != nullptr && hooks->tell != nullptr) {
         return hooks->tell(stream);
     }
-#if defined(_WIN32)
-    return _ftelli64(stream);
-#else
-    return static_cast<std::int64_t>(ftello(stream));
-#endif
+    return RuntimeTell(stream);
 }
 
 bool SeekFile(std::FILE* stream, std::int64_t position) noexcept {
     if (const FileHooks* hooks = Hooks(); hooks != nullptr && hooks->seek != nullptr) {
         return hooks->seek(stream, position);
     }
-    if (position < 0) return false;
-#if defined(_WIN32)
-    return _fseeki64(stream, position, SEEK_SET) == 0;
-#else
-    return fseeko(stream, static_cast<off_t>(position), SEEK_SET) == 0;
-#endif
+    return RuntimeSeek(stream, position);
 }
 
 bool CloseFile(std::FILE* stream) noexcept {
@@ -217,24 +230,15 @@ std::int64_t TellInput(std::FILE* stream) noexcept {
     if (const InputFileHooks* hooks = InputHooks(); hooks != nullptr && hooks->tell != nullptr) {
         return hooks->tell(stream);
     }
-#if defined(_WIN32)
-    return _ftelli64(stream);
-#else
-    return static_cast<std::int64_t>(ftello(stream));
-#endif
+    return RuntimeTell(stream);
 }
 
 bool SeekInput(std::FILE* stream, std::int64_t position) noexcept {
     if (const InputFileHooks* hooks = InputHooks(); hooks != nullptr && hooks->seek != nullptr) {
         return hooks->seek(stream, position);
     }
-    if (position < 0) return false;
     // A successful seek also clears the end-of-file indicator, which some runtimes keep sticky.
-#if defined(_WIN32)
-    return _fseeki64(stream, position, SEEK_SET) == 0;
-#else
-    return fseeko(stream, static_cast<off_t>(position), SEEK_SET) == 0;
-#endif
+    return RuntimeSeek(stream, position);
 }
 
 bool CloseInput(std::FILE* stream) noexcept {
