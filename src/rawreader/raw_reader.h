@@ -174,6 +174,7 @@ private:
     String m_word;                               // scratch token
     String m_text;                               // scratch token
     Vector<std::int32_t> m_list;                 // scratch index list
+    Vector<std::size_t> m_blockEntries;          // scratch: entries of the block being read
 };
 
 }  // namespace Tarvel

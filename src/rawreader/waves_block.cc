@@ -115,8 +115,8 @@ bool KRawTarvelRead::ExpectKeyword(int& c, const char* word) {
 bool KRawTarvelRead::ParseWaves(int& c) {
     if (!m_lexer.ReadIndexList(c, m_list) || !m_lexer.EndOfLine(c) || m_list.empty()) return false;
     // Entry indexes, not pointers: the entries stay where they are while a block is read.
-    Vector<std::size_t> entries;
-    entries.reserve(m_list.size());
+    Vector<std::size_t>& entries = m_blockEntries;
+    entries.clear();
     for (std::int32_t handle : m_list) {
         const SignalEntry* entry = Find(handle);
         if (!entry) return false;

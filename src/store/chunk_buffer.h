@@ -181,9 +181,10 @@ private:
             m_chunks = static_cast<unsigned char**>(Reallocate(m_chunks, slots * sizeof(unsigned char*)));
             m_slots = slots;
         }
-        // Every new chunk starts short and grows, so a stream just past a chunk boundary does
-        // not hold a whole empty chunk.
-        std::uint32_t first = kFirstChunkBytes;
+        // The first chunk starts short and grows (most streams are small); a stream that filled
+        // a chunk is likely to fill the next one too, which is then made whole at once (owners
+        // trim the last chunk with ShrinkToFit when the stream is final).
+        std::uint32_t first = m_count == 0 ? kFirstChunkBytes : kChunkSize;
         if (first < n) first = n;
         m_chunks[m_count] = static_cast<unsigned char*>(Allocate(first));
         ++m_count;

@@ -93,8 +93,9 @@ public:
     // Appends `length` words played `count` times as one run, after what the search holds back.
     // Strong guarantee.
     void AppendRun(const Word* pattern, unsigned length, std::uint64_t count) {
-        m_bytes.MakeRoom(kMaxAppendBytes + kMaxRunBytes);
-        if (m_finder) m_finder->Flush(*this);
+        const bool holding = m_finder && !m_finder->Idle();
+        m_bytes.MakeRoom(holding ? kMaxAppendBytes + kMaxRunBytes : kMaxRunBytes);
+        if (holding) m_finder->Flush(*this);
         Run(pattern, length, count);
     }
 
