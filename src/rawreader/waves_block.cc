@@ -180,6 +180,30 @@ bool KRawTarvelRead::ParseBlockInto(int& c, SignalEntry& entry, const SignalEntr
     return ParseSourcePart(c, entry.store, before);
 }
 
+// The number of decimal digits at the start of the 8 bytes at `p`, and their value in *value;
+// bytes of 0x80 and above count as non-digits. Branch-free, so the varying lengths of numbers
+// cost no mispredicted jumps. REQUIRES: 8 bytes readable at `p`.
+unsigned LeadingDigits(const unsigned char* p, std::uint64_t* value) {
+    const std::uint64_t word = LittleEndian::Load<std::uint64_t>(p);
+    constexpr std::uint64_t kHigh = 0x8080808080808080ull;
+    const std::uint64_t belowZero = ~((word | kHigh) - 0x3030303030303030ull);
+    const std::uint64_t aboveNine = (word & ~kHigh) + 0x4646464646464646ull;
+    const std::uint64_t nonDigit = (belowZero | aboveNine | word) & kHigh;
+    const unsigned digits = nonDigit == 0 ? 8 : static_cast<unsigned>(__builtin_ctzll(nonDigit)) / 8;
+    if (digits == 0) {
+        *value = 0;
+        return 0;
+    }
+    // The digits' values moved to the top bytes (leading zeros below), then combined in pairs,
+    // fours and eights.
+    std::uint64_t v = (word - 0x3030303030303030ull) << (8 * (8 - digits));
+    v = (v * 10 + (v >> 8)) & 0x00FF00FF00FF00FFull;
+    v = (v * 100 + (v >> 16)) & 0x0000FFFF0000FFFFull;
+    v = (v * 10000 + (v >> 32)) & 0x00000000FFFFFFFFull;
+    *value = v;
+    return digits;
+}
+
 // The two most common time lines, "*k" and "T step" (with CR LF or LF), read in place from the
 // lexer's buffer. Returns false when the line is of another form or not wholly in the buffer;
 // nothing is consumed then.
@@ -188,18 +212,16 @@ bool KRawTarvelRead::ReadShortPoint(TimeDelta* point) {
     if (m_lexer.BufferEnd() - p < 32) return false;
     const unsigned char lead = p[0];
     if (lead == Format::kPointKnown) {
-        ++p;
-        std::uint32_t slot = 0;
-        const unsigned char* digits = p;
-        while (KLexer::IsDigit(*p) && p - digits < 7) slot = slot * 10 + static_cast<unsigned>(*p++ - '0');
-        if (p == digits || slot >= m_points.size()) return false;
+        std::uint64_t slot = 0;
+        const unsigned digits = LeadingDigits(p + 1, &slot);
+        if (digits == 0 || digits == 8 || slot >= m_points.size()) return false;
+        p += 1 + digits;
         *point = m_points[slot];
     } else if (lead == Format::kPointDeltaZero && p[1] == ' ') {
-        p += 2;
         std::uint64_t step = 0;
-        const unsigned char* digits = p;
-        while (KLexer::IsDigit(*p) && p - digits < 15) step = step * 10 + static_cast<unsigned>(*p++ - '0');
-        if (p == digits) return false;
+        const unsigned digits = LeadingDigits(p + 2, &step);
+        if (digits == 0 || digits == 8) return false;  // no number, or one the general path reads
+        p += 2 + digits;
         if (*p == Format::kThousandsSuffix) {
             step *= 1000;
             ++p;
