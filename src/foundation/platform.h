@@ -8,6 +8,13 @@
 #include <cstddef>
 #include <cstdint>
 
+// Forces inlining of a small function on a per-byte or per-event path.
+#if defined(__GNUC__) || defined(__clang__)
+#define TARVEL_ALWAYS_INLINE inline __attribute__((always_inline))
+#else
+#define TARVEL_ALWAYS_INLINE inline
+#endif
+
 namespace Tarvel::Platform {
 
 // The heap under the library's allocation path. A null result means the heap is exhausted.

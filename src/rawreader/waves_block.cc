@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "foundation/platform.h"
 #include "rawreader/raw_reader.h"
 #include "store/little_endian.h"
 #include "store/store_access.h"
@@ -183,7 +184,7 @@ bool KRawTarvelRead::ParseBlockInto(int& c, SignalEntry& entry, const SignalEntr
 // The number of decimal digits at the start of the 8 bytes at `p`, and their value in *value;
 // bytes of 0x80 and above count as non-digits. Branch-free, so the varying lengths of numbers
 // cost no mispredicted jumps. REQUIRES: 8 bytes readable at `p`.
-unsigned LeadingDigits(const unsigned char* p, std::uint64_t* value) {
+TARVEL_ALWAYS_INLINE unsigned LeadingDigits(const unsigned char* p, std::uint64_t* value) {
     const std::uint64_t word = LittleEndian::Load<std::uint64_t>(p);
     constexpr std::uint64_t kHigh = 0x8080808080808080ull;
     const std::uint64_t belowZero = ~((word | kHigh) - 0x3030303030303030ull);
@@ -207,7 +208,7 @@ unsigned LeadingDigits(const unsigned char* p, std::uint64_t* value) {
 // The two most common time lines, "*k" and "T step" (with CR LF or LF), read in place from the
 // lexer's buffer. Returns false when the line is of another form or not wholly in the buffer;
 // nothing is consumed then.
-bool KRawTarvelRead::ReadShortPoint(TimeDelta* point) {
+TARVEL_ALWAYS_INLINE bool KRawTarvelRead::ReadShortPoint(TimeDelta* point) {
     const unsigned char* p = m_lexer.Cursor();
     if (m_lexer.BufferEnd() - p < 32) return false;
     const unsigned char lead = p[0];
