@@ -3,7 +3,6 @@
 // Raw reader layer; one thread at a time.
 #include "rawreader/raw_reader.h"
 
-#include <algorithm>
 #include <cstring>
 #include <new>
 
@@ -155,6 +154,7 @@ bool KRawTarvelRead::ParseDeclaration(int& c, int mode, bool bus) {
     entry.mode = mode;
     entry.isBus = bus;
     entry.isVirtual = bus && mode == Format::kModeVirtualBus;
+    entry.width = width;
     entry.name = m_previousName;
     if (bus) m_currentBus = handle;
     std::int32_t x = -1;
@@ -199,20 +199,10 @@ void KRawTarvelRead::Attach(std::int32_t parent, std::int32_t child, std::int32_
     SignalEntry* up = Find(parent);
     SignalEntry* down = Find(child);
     if (!up || !down || parent == child) return;
-    if (SignalEntry* old = Find(down->parent)) {  // a signal has one parent: attached again, it moves
-        Vector<std::int32_t>& siblings = old->children;
-        siblings.erase(std::remove(siblings.begin(), siblings.end(), child), siblings.end());
-    }
+    if (SignalEntry* old = Find(down->parent)) --old->childCount;  // one parent: attached again, it moves
     down->parent = parent;
     down->position = position;
-    Vector<std::int32_t>& children = up->children;
-    children.push_back(child);
-    // Keep the children in position order (they mostly arrive in it).
-    for (std::size_t i = children.size() - 1; i > 0; --i) {
-        const SignalEntry* before = Find(children[i - 1]);
-        if (!before || before->position <= position) break;
-        std::swap(children[i - 1], children[i]);
-    }
+    ++up->childCount;
 }
 
 bool KRawTarvelRead::ParseTypeLine(int& c) {
@@ -254,7 +244,10 @@ bool KRawTarvelRead::ParseElement(int& c) {
 // bus type's child at their position.
 bool KRawTarvelRead::ParseElementList(int& c, std::int32_t busHandle) {
     if (!m_lexer.ReadIndexList(c, m_list) || !m_lexer.EndOfLine(c)) return false;
-    if (!Find(busHandle)) return false;
+    const SignalEntry* target = Find(busHandle);
+    // A bus has at most `width` elements: a longer list is damage, not a reason to make millions
+    // of signals.
+    if (!target || m_list.size() > static_cast<std::size_t>(target->width < 0 ? 0 : target->width)) return false;
     for (std::size_t i = 0; i < m_list.size(); ++i) {
         const std::int32_t handle = m_list[i];
         const auto given = m_elementPositions.find(handle);
@@ -426,7 +419,7 @@ IRawTarvelRead::SignalIterator KRawTarvelRead::BeginSignals() { return IteratorA
 bool KRawTarvelRead::Place(const SignalEntry* entry, int* childCount, int64* endTime, char* name, int* nameSize,
                            SignalIterator* parent, int* position) {
     if (!entry) return false;
-    if (childCount) *childCount = static_cast<int>(entry->children.size());
+    if (childCount) *childCount = entry->childCount;
     if (endTime) *endTime = entry->endTime;
     if (name && nameSize && *nameSize > 0) {
         const std::size_t length = entry->name.size() < static_cast<std::size_t>(*nameSize - 1)

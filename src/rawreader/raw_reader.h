@@ -31,7 +31,8 @@ struct SignalEntry {
     int64 endTime = 0;             // declaration time, or the time an "$ENDSC" line gave
     int64 lastTime = 0;            // absolute time of its last event read so far
     String name;                   // declared name, or the element's name within its bus
-    Vector<std::int32_t> children;  // handles of its elements or members, in position order
+    std::int32_t childCount = 0;   // elements, members and declared children attached to it
+    std::int32_t width = 0;        // a bus's number of element positions
     TypeHandle type;               // its type, for value text (elements: the bus's element type)
     KEventsStore store;            // its events
 };
