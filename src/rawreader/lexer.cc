@@ -161,12 +161,13 @@ bool KLexer::ReadWide(int& c, std::int64_t& value) noexcept {
     return true;
 }
 
-bool KLexer::ReadIndexList(int& c, Vector<std::int32_t>& list) {
+bool KLexer::ReadIndexList(int& c, Vector<std::int32_t>& list, std::size_t limit) {
     list.clear();
     while (SkipBlanks(c) && CanStartNumber(c)) {
         std::int32_t first = 0;
         if (!ReadRelative(c, first)) return false;
         if (c != Format::kRangeSeparator) {
+            if (list.size() >= limit) return false;
             list.push_back(first);
             continue;
         }
@@ -178,6 +179,8 @@ bool KLexer::ReadIndexList(int& c, Vector<std::int32_t>& list) {
             c = Next();
             if (!ReadInteger(c, step) || step < 1) return false;
         }
+        const std::uint64_t span = static_cast<std::uint64_t>(first >= last ? std::int64_t{first} - last : std::int64_t{last} - first);
+        if (span / static_cast<std::uint64_t>(step) + 1 > limit - list.size()) return false;
         PushRange(list, first, last, step);
     }
     return true;

@@ -55,6 +55,8 @@ class KLexer {
 public:
     static constexpr std::size_t kBufferSize = 65536;
     static constexpr int kEnd = -1;  // the character at the end of the file
+    // Default most items an index list may hold.
+    static constexpr std::size_t kIndexListLimit = std::size_t{1} << 22;
 
     // True for whitespace (see LexerTables); false for kEnd.
     static bool IsSpace(int c) noexcept {
@@ -136,7 +138,9 @@ public:
     // plain step s >= 1: a, a+s, a+2s, ... while not past b, counting down (a, a-s, ...) when
     // a >= b. A "-" starts a range only right after a number; the range end becomes the last
     // relative number, the step does not. Fails on a malformed number or a step below 1.
-    bool ReadIndexList(int& c, Vector<std::int32_t>& list);
+    // A list that would hold more than `limit` items fails before it is expanded, so that a
+    // damaged range cannot make the reader allocate without end.
+    bool ReadIndexList(int& c, Vector<std::int32_t>& list, std::size_t limit = kIndexListLimit);
 
     std::int32_t LastRelative() const noexcept { return lastRelative_; }
     void SetLastRelative(std::int32_t value) noexcept { lastRelative_ = value; }

@@ -243,11 +243,12 @@ bool KRawTarvelRead::ParseElement(int& c) {
 // The listed signals become elements of `bus`: signals of their own, named and typed after the
 // bus type's child at their position.
 bool KRawTarvelRead::ParseElementList(int& c, std::int32_t busHandle) {
-    if (!m_lexer.ReadIndexList(c, m_list) || !m_lexer.EndOfLine(c)) return false;
     const SignalEntry* target = Find(busHandle);
+    if (!target) return false;
     // A bus has at most `width` elements: a longer list is damage, not a reason to make millions
     // of signals.
-    if (!target || m_list.size() > static_cast<std::size_t>(target->width < 0 ? 0 : target->width)) return false;
+    const std::size_t width = static_cast<std::size_t>(target->width < 0 ? 0 : target->width);
+    if (!m_lexer.ReadIndexList(c, m_list, width) || !m_lexer.EndOfLine(c)) return false;
     for (std::size_t i = 0; i < m_list.size(); ++i) {
         const std::int32_t handle = m_list[i];
         const auto given = m_elementPositions.find(handle);
@@ -279,7 +280,7 @@ bool KRawTarvelRead::ParseElementEnd(int& c) {
 
 // "$CHILD bus member position": the member joins the virtual bus.
 bool KRawTarvelRead::ParseChild(int& c) {
-    if (!m_lexer.ReadIndexList(c, m_list) || !m_lexer.EndOfLine(c)) return false;
+    if (!m_lexer.ReadIndexList(c, m_list, 3) || !m_lexer.EndOfLine(c)) return false;
     if (m_list.size() >= 2) Attach(m_list[0], m_list[1], m_list.size() > 2 ? m_list[2] : 0);
     return true;
 }

@@ -114,7 +114,8 @@ bool KRawTarvelRead::ExpectKeyword(int& c, const char* word) {
 // "$WAVES list": one block for all listed signals. Signals that hold the same events so far
 // share the block's store; others get the block appended to what they have.
 bool KRawTarvelRead::ParseWaves(int& c) {
-    if (!m_lexer.ReadIndexList(c, m_list) || !m_lexer.EndOfLine(c) || m_list.empty()) return false;
+    // Every listed signal must be declared: a list longer than the signals is damage.
+    if (!m_lexer.ReadIndexList(c, m_list, m_signals.size()) || !m_lexer.EndOfLine(c) || m_list.empty()) return false;
     // Entry indexes, not pointers: the entries stay where they are while a block is read.
     Vector<std::size_t>& entries = m_blockEntries;
     entries.clear();
