@@ -107,7 +107,8 @@ TEST(LineWriterFields, EdgeCases) {
     EXPECT_EQ(Written([&](KLineWriter& w) { w.PutIndexList(list, 12); }), " 1000-+3 9-3/2 3 3-5");
 }
 
-// ---- Round trips through reference decoders -------------------------------------------------
+// ---- The time-point dictionary through a reference decoder ------------------------------------
+// (Names and index lists are read back by the reader's lexer in tests/rawreader.)
 
 // Whitespace-separated tokens; a quoted string is one token, unescaped, marked by a leading '"'.
 std::vector<std::string> Tokens(const std::string& text) {
@@ -134,66 +135,6 @@ protected:
     std::mt19937_64 random_{seed_};
     ::testing::ScopedTrace trace_{__FILE__, __LINE__, "seed " + std::to_string(seed_)};
 };
-
-TEST_F(LineWriterRoundTrip, CompressedNames) {
-    const char* parts[] = {"top", ".", "cpu", "alu", "a", "_", "\"", "0", "r1", ""};
-    std::vector<std::string> names{""};
-    for (int i = 0; i < 2000; ++i) {
-        std::string name = random_() % 3 == 0 ? std::string() : names.back();
-        if (!name.empty() && random_() % 2) name.erase(random_() % name.size(), random_() % 4);
-        for (int p = random_() % 4; p > 0; --p) name.insert(random_() % (name.size() + 1), parts[random_() % 10]);
-        names.push_back(name);
-    }
-    const std::vector<std::string> tokens = Tokens(Written([&](KLineWriter& w) {
-        for (const std::string& name : names) w.PutName(name), w.EndLine();
-    }));
-    std::string previous;
-    std::size_t at = 0;
-    auto text = [&](std::size_t i) { return tokens[i][0] == '"' ? tokens[i].substr(1) : tokens[i]; };
-    for (const std::string& expected : names) {
-        if (isdigit(static_cast<unsigned char>(tokens[at][0]))) {  // keep-front keep-back middle
-            const std::size_t back = std::stoul(tokens[at + 1]);
-            previous = previous.substr(0, std::stoul(tokens[at])) + text(at + 2) +
-                       previous.substr(previous.size() - back);
-            at += 3;
-        } else {
-            previous = text(at++);
-        }
-        ASSERT_EQ(previous, expected);
-    }
-}
-
-TEST_F(LineWriterRoundTrip, IndexListsWithRangesAndSteps) {
-    for (int list = 0; list < 500; ++list) {
-        std::int64_t previous = 0;  // the reader's previous relative value
-        auto relative = [&](const std::string& t) {
-            return previous = t[0] == '+' ? previous + std::stoll(t.substr(1)) : std::stoll(t);
-        };
-        std::vector<std::int32_t> values;
-        std::int64_t value = static_cast<std::int32_t>(random_()) >> (random_() % 32);
-        for (int n = random_() % 40; n > 0; --n) {
-            const std::int64_t jumps[] = {1, -1, 0, static_cast<std::int64_t>(random_() % 7),
-                                          static_cast<std::int32_t>(random_())};
-            values.push_back(static_cast<std::int32_t>(value += jumps[random_() % 5]));
-            value = values.back();
-        }
-        std::vector<std::int32_t> decoded;
-        const std::string text = Written([&](KLineWriter& w) { w.PutIndexList(values.data(), values.size()); });
-        for (const std::string& token : Tokens(text)) {
-            std::size_t dash = 1;  // the range dash follows a digit
-            while (dash < token.size() && !(token[dash] == '-' && isdigit(token[dash - 1] & 0xFF))) ++dash;
-            const std::size_t slash = token.find('/');
-            const std::int64_t first = relative(token.substr(0, dash));
-            const std::int64_t last = dash == token.size() ? first : relative(token.substr(dash + 1, slash - dash - 1));
-            const std::int64_t step = slash == std::string::npos ? 1 : std::stoll(token.substr(slash + 1));
-            ASSERT_GE(step, 1);
-            for (std::int64_t v = first; first <= last ? v <= last : v >= last; v += first <= last ? step : -step) {
-                decoded.push_back(static_cast<std::int32_t>(v));
-            }
-        }
-        ASSERT_EQ(decoded, values) << "list " << list;
-    }
-}
 
 TEST_F(LineWriterRoundTrip, TimePointDictionary) {
     std::vector<TimeStep> points;
