@@ -3,6 +3,7 @@
 // its body alone and the coders have room; everything else goes through the memo machinery.
 #include <functional>
 
+#include "store/event_append.h"
 #include "store/events_store_body.h"
 #include "tarvel/events_store.h"
 
@@ -13,39 +14,23 @@ namespace {
 // PrepareRunThenAppend makes covers them (fewer items than a run needs to start).
 constexpr std::int64_t kShortSourceGap = 4;
 
-int64 WrapSub(int64 a, int64 b) { return static_cast<int64>(static_cast<std::uint64_t>(a) - static_cast<std::uint64_t>(b)); }
-
-// Calls fn(concrete value store) without a virtual call; fn(nullptr-typed) is never made.
-template <class Fn>
-inline void WithValueStore(KEventsStoreBody& body, Fn&& fn) {
-    switch (body.valueKind) {
-        case ValueKind::kSize1: fn(*static_cast<KValueStore<4, 1>*>(body.values)); break;
-        case ValueKind::kSize4: fn(*static_cast<KValueStore<4, 4>*>(body.values)); break;
-        case ValueKind::kSize8: fn(*static_cast<KValueStore<8, 8>*>(body.values)); break;
-        case ValueKind::kNone: break;
+ModificationRecord PushRecord(const KEventsStoreBody& body, int64 time, int delta, const unsigned char* value,
+                              int source) {
+    std::uint32_t code = kModPushValue4;
+    std::uint64_t word = 0;
+    if (body.values) {
+        if (body.values->GetSecondSize() == 8) {
+            code = kModPushValue8;
+            word = PackBytes::Load<std::uint64_t>(value);
+        } else {
+            word = PackBytes::Load<std::uint32_t>(value);
+        }
     }
+    return ModificationRecord::Make(code, time, static_cast<std::uint32_t>(delta), word, static_cast<std::uint32_t>(source));
 }
 
-inline bool ValuesReady(KEventsStoreBody& body) {
-    bool ready = true;
-    WithValueStore(body, [&](auto& store) { ready = store.ReadyToAppend(); });
-    return ready;
-}
+}  // namespace
 
-// Codes one step. REQUIRES: the time-delta store is ready to append.
-inline void AppendStep(KEventsStoreBody& body, int64 time, int delta) {
-    const std::uint32_t d = static_cast<std::uint32_t>(delta) & 0xFFFF;
-    KTimeDeltaStore& steps = body.timeDeltas;
-    body.lastPushedTime = time;
-    body.lastPushedDelta = static_cast<std::uint16_t>(d);
-    steps.Append(TimeDelta{WrapSub(time, steps.lastTime), d});
-    steps.lastTime = time;
-    steps.lastDelta = d;
-    body.lastResult = steps.eventCount++;
-}
-
-// Appends an event with value and source. Strongly exception safe: everything that may
-// allocate happens before the first change.
 void ApplyPushValue(KEventsStoreBody& body, int64 time, int delta, const unsigned char* value, int source) {
     body.timeDeltas.PrepareAppend();
     if (body.values) body.values->PrepareAppend();
@@ -77,23 +62,6 @@ void ApplyPushValue(KEventsStoreBody& body, int64 time, int delta, const unsigne
         body.sources->Append(source);
     }
 }
-
-ModificationRecord PushRecord(const KEventsStoreBody& body, int64 time, int delta, const unsigned char* value,
-                              int source) {
-    std::uint32_t code = kModPushValue4;
-    std::uint64_t word = 0;
-    if (body.values) {
-        if (body.values->GetSecondSize() == 8) {
-            code = kModPushValue8;
-            word = PackBytes::Load<std::uint64_t>(value);
-        } else {
-            word = PackBytes::Load<std::uint32_t>(value);
-        }
-    }
-    return ModificationRecord::Make(code, time, static_cast<std::uint32_t>(delta), word, static_cast<std::uint32_t>(source));
-}
-
-}  // namespace
 
 KEventsStore::KEventsStore() : m_body(EmptyBody()) { AddRefBody(m_body); }
 

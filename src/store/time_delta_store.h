@@ -103,6 +103,10 @@ public:
     // Emits the stream's codes in order (single steps and repeats), stopping at the end code.
     bool Emit(ITimeDeltaWriter* writer) const;
 
+    // The pattern search of the coder. A writer that emits steps straight from its own log runs
+    // the same search, so that its records match what this store would emit.
+    using Finder = RunFinder<TimeDelta, 2, 8>;
+
     // Coder sink interface (used by RunFinder).
     void Literals(const TimeDelta* steps, unsigned count);
     void Run(const TimeDelta* pattern, unsigned length, std::uint64_t repetitions);
@@ -114,7 +118,6 @@ public:
     int64 lastTime = 0;            // time of the last appended event
 
 private:
-    using Finder = RunFinder<TimeDelta, 2, 8>;
     struct Coder {
         Finder finder;
     };

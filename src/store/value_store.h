@@ -150,6 +150,8 @@ class KValueStore final : public IValueStore {
 public:
     using Traits = ValueStoreTraits<Size, Hint>;
     using Word = typename Traits::Word;
+    // The pattern search of the store's packer (see KTimeDeltaStore::Finder).
+    using Finder = RunFinder<Word, Traits::kMinRun, Traits::kBatch>;
     static constexpr ValueKind kKind = Traits::kKind;
     static constexpr int kValueBytes = static_cast<int>(sizeof(Word));
 

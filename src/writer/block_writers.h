@@ -5,7 +5,10 @@
 #define TARVEL_WRITER_BLOCK_WRITERS_H
 
 #include <cstring>
+#include <utility>
 
+#include "store/event_append.h"
+#include "store/value_store.h"
 #include "tarvel/events_store.h"
 #include "writer/line_writer.h"
 #include "writer/type_registry.h"
@@ -69,6 +72,69 @@ public:
 private:
     KLineWriter& m_lines;
 };
+
+// Writing one handle's events straight from a log, without filling its store: the same pattern
+// searches as the store's coders run over the time steps and the values and hand their literals
+// and runs to the block writers, so the records are the ones the store would emit after taking
+// the same events. Events provides Time(i), Delta(i) and Value(i) as for AppendEvents.
+template <class Events>
+bool EmitLoggedSteps(KLineWriter& lines, const Events& events, std::size_t count) {
+    struct Sink {
+        KTimeDeltaWriter writer;
+        bool ok = true;
+        void Literals(const TimeDelta* steps, unsigned n) {
+            for (unsigned i = 0; i < n && ok; ++i) ok = writer.pushTimeDelta(steps[i].difference, static_cast<int>(steps[i].delta));
+        }
+        void Run(const TimeDelta* pattern, unsigned length, std::uint64_t repetitions) {
+            if (!ok) return;
+            std::pair<int64, int> steps[kMaxPatternLength];
+            for (unsigned i = 0; i < length; ++i) steps[i] = {pattern[i].difference, static_cast<int>(pattern[i].delta)};
+            ok = writer.pushRepeat(static_cast<int>(length), static_cast<int64>(repetitions), steps);
+        }
+    } sink{KTimeDeltaWriter(lines)};
+    KTimeDeltaStore::Finder finder;
+    int64 last = 0;
+    for (std::size_t i = 0; i < count && sink.ok; ++i) {
+        const int64 time = events.Time(i);
+        finder.Push(TimeDelta{WrapSub(time, last), events.Delta(i) & 0xFFFFu}, sink);
+        last = time;
+    }
+    finder.Flush(sink);
+    return sink.ok;
+}
+
+// The values of a log as a value store of type Store would emit them (count first).
+template <class Store, class Events>
+bool EmitLoggedValues(KValueWriter& writer, const Events& events, std::size_t count) {
+    using Word = typename Store::Word;
+    struct Sink {
+        KValueWriter& writer;
+        bool ok = true;
+        void Literals(const Word* items, unsigned n) {
+            for (unsigned i = 0; i < n && ok; ++i) {
+                unsigned char bytes[sizeof(Word)];
+                PackBytes::Store<Word>(bytes, items[i]);
+                ok = writer.pushValue(bytes);
+            }
+        }
+        void Run(const Word* pattern, unsigned length, std::uint64_t repetitions) {
+            if (!ok) return;
+            unsigned char bytes[kMaxRunPattern][sizeof(Word)];
+            const unsigned char* pointers[kMaxRunPattern];
+            for (unsigned i = 0; i < length; ++i) {
+                PackBytes::Store<Word>(bytes[i], pattern[i]);
+                pointers[i] = bytes[i];
+            }
+            ok = writer.pushRepeatedValue(static_cast<int>(length), static_cast<int64>(repetitions), pointers);
+        }
+    } sink{writer};
+    const std::size_t shown = count < static_cast<std::size_t>(kMaxStoreItems) ? count : static_cast<std::size_t>(kMaxStoreItems);
+    if (!writer.pushCount(static_cast<int>(shown))) return false;
+    typename Store::Finder finder;
+    for (std::size_t i = 0; i < count && sink.ok; ++i) finder.Push(PackBytes::Load<Word>(events.Value(i)), sink);
+    finder.Flush(sink);
+    return sink.ok;
+}
 
 }  // namespace Tarvel
 

@@ -181,17 +181,37 @@ std::string_view KLineWriter::FormatTimePoint(std::int64_t step, int delta, char
     }
     const std::size_t fullLength = static_cast<std::size_t>(end - full);
     const KTimePointDictionary::Use use = dictionary_.Lookup(step, delta, fullLength);
-    if (use.slot < 0) return {full, fullLength};
+    const bool keep = use.settled && delta == 0 && step >= 0 && step < kKeptSteps;
+    if (use.slot < 0) {
+        if (keep) KeepPointText(step, {full, fullLength});
+        return {full, fullLength};
+    }
     char* at = out;
     *at++ = use.taken ? Format::kPointTaken : Format::kPointKnown;
     at = std::to_chars(at, full, use.slot).ptr;
+    if (keep) {
+        // From now on the point is "*slot".
+        out[0] = Format::kPointKnown;
+        KeepPointText(step, {out, static_cast<std::size_t>(at - out)});
+        out[0] = use.taken ? Format::kPointTaken : Format::kPointKnown;
+    }
     if (!use.taken) return {out, static_cast<std::size_t>(at - out)};
     *at++ = ' ';
     std::memmove(at, full, fullLength);
     return {out, static_cast<std::size_t>(at - out) + fullLength};
 }
 
+void KLineWriter::KeepPointText(std::int64_t step, std::string_view text) noexcept {
+    PointText& kept = pointTexts_[step];
+    if (text.size() > sizeof(kept.text)) return;
+    std::memcpy(kept.text, text.data(), text.size());
+    kept.length = static_cast<std::uint8_t>(text.size());
+}
+
 bool KLineWriter::PutTimePoint(std::int64_t step, int delta) {
+    if (delta == 0 && step >= 0 && step < kKeptSteps && pointTexts_[step].length != 0) {
+        return stream_.Write(pointTexts_[step].text, pointTexts_[step].length);
+    }
     char text[kPointRoom];
     return stream_.Write(FormatTimePoint(step, delta, text));
 }
@@ -303,6 +323,18 @@ bool KLineWriter::WriteSourcesLine() { return WriteKeywordLine(Format::kSources)
 bool KLineWriter::WriteEndLine() { return WriteKeywordLine(Format::kEnd); }
 
 bool KLineWriter::WriteTimePointLine(std::int64_t step, int delta) {
+    if (delta == 0 && step >= 0 && step < kKeptSteps) {
+        const PointText& kept = pointTexts_[step];
+        if (kept.length != 0) {
+            if (char* at = stream_.Reserve(sizeof(PointText) + 2)) {
+                std::memcpy(at, &kept, sizeof(PointText));
+                at[kept.length] = Format::kLineEnd[0];
+                at[kept.length + 1] = Format::kLineEnd[1];
+                stream_.Advance(kept.length + 2u);
+                return true;
+            }
+        }
+    }
     char text[kPointRoom];
     const std::string_view point = FormatTimePoint(step, delta, text);
     // The line end goes behind the point in the same buffer: one write per line.

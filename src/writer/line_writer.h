@@ -135,6 +135,16 @@ private:
     static constexpr std::size_t kSlotRoom = 8;
     static constexpr std::size_t kPointRoom = kSlotRoom + 2 + 24 + 1 + 12 + 2;
     std::string_view FormatTimePoint(std::int64_t step, int delta, char* out);
+    void KeepPointText(std::int64_t step, std::string_view text) noexcept;
+
+    // The settled text of the points (step, 0) with small steps, which make most of the points
+    // of event blocks: "*slot" or the point in full, or length 0 while not settled.
+    struct PointText {
+        char text[15];
+        std::uint8_t length;
+    };
+    static_assert(sizeof(PointText) == 16, "copied as one block");
+    static constexpr std::int64_t kKeptSteps = 1024;
 
     KOutputStream& stream_;
     IErrorReport& reporter_;
@@ -148,6 +158,7 @@ private:
     bool hasLastBus_ = false;                 // lastBus_ holds the bus declared last
     std::int32_t lastBus_ = 0;
     KTimePointDictionary dictionary_;         // time points of all event blocks of the file
+    PointText pointTexts_[kKeptSteps] = {};   // indexed by step
 };
 
 }  // namespace Tarvel

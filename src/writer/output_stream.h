@@ -68,6 +68,12 @@ public:
         return WriteSlow(data, size);
     }
     bool Write(std::string_view text) { return Write(text.data(), text.size()); }
+    // Room for `size` bytes at the end of the buffer on the fast path, or null. The caller
+    // writes there and then calls Advance with the number of bytes it keeps.
+    char* Reserve(std::size_t size) noexcept {
+        return size <= static_cast<std::size_t>(limit_ - cursor_) ? cursor_ : nullptr;
+    }
+    void Advance(std::size_t size) noexcept { cursor_ += size; }
     bool Put(char c) {
         if (cursor_ != limit_) {
             *cursor_++ = c;

@@ -5,8 +5,10 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <new>
 
+#include "store/event_append.h"
 #include "writer/block_writers.h"
 #include "writer/file_format.h"
 
@@ -394,16 +396,39 @@ int KTarvelWrite::GetValueSize(int handle) {
 
 bool KTarvelWrite::StoreValue(int handle, const unsigned char* data) { return StoreValueWithSource(handle, data, 0); }
 
+namespace {
+
+// The value's bytes as the store keeps them, read from exactly `bytes` bytes of the caller's.
+std::uint64_t LoadValue(const unsigned char* data, unsigned bytes) {
+    std::uint64_t value = 0;
+    switch (bytes) {
+        case 0: break;
+        case 4: std::memcpy(&value, data, 4); break;
+        case 8: std::memcpy(&value, data, 8); break;
+        default: std::memcpy(&value, data, bytes); break;
+    }
+    return value;
+}
+
+// A handle's range of the sorted staging log, as the store's batch append reads it.
+struct StagedRange {
+    const EventStage& stage;
+    const EventStage::Sorted* events;
+    int64 Time(std::size_t i) const { return stage.PointAt(events[i].point).time; }
+    std::uint32_t Delta(std::size_t i) const { return stage.PointAt(events[i].point).delta; }
+    const unsigned char* Value(std::size_t i) const { return reinterpret_cast<const unsigned char*>(&events[i].value); }
+    int Source(std::size_t i) const { return events[i].source; }
+};
+
+}  // namespace
+
 bool KTarvelWrite::StoreValueWithSource(int handle, const unsigned char* data, int source) {
     if (m_failed) return false;
     HandleEntry* entry = m_handles.Find(handle);
-    // The common case: a value of a handle already prepared in this interval, without source.
-    if (entry && entry->sized && source == 0) {
-        try {
-            entry->store.push_back(m_time, static_cast<int>(m_delta), data, 0);
-        } catch (const std::bad_alloc&) {
-            return OutOfMemory();
-        }
+    // The common case: a staged handle, a value without source, room in the log.
+    if (entry && entry->staged && source == 0 && m_stage.HasRoom()) {
+        m_stage.Add(handle, m_time, m_delta, LoadValue(data, entry->valueBytes));
+        ++entry->stageCount;
         return true;
     }
     return Guarded(*this, [&] { return StoreValueChecked(handle, data, source); });
@@ -416,15 +441,62 @@ bool KTarvelWrite::StoreValueChecked(int handle, const unsigned char* data, int 
         const TypeHandle* type = m_types.Find(entry->typeIndex);
         const int size = type && type->IsScalar() ? static_cast<int>(type->ValueSize()) : 0;
         m_changed.push_back(handle);
+        // Each handle's store is its own, so it changes in place and its values can be staged.
+        MakePrivate(StoreAccess::BodySlot(entry->store));
         entry->store.SetSize(size);
         entry->changed = true;
+        if (!m_stage.Allocated()) m_stage.Allocate();
+        entry->staged = StoreAccess::Body(entry->store)->OwnedAlone();
     }
-    entry->sized = true;
+    if (!entry->sized) {
+        entry->valueBytes = static_cast<std::uint8_t>(entry->store.GetSize());
+        entry->sized = true;
+    }
     int number = 0;
     if (!NumberSource(source, &number)) return false;
-    entry->store.push_back(m_time, static_cast<int>(m_delta), data, number);
     m_dirty = true;
+    if (entry->staged) {
+        if (!m_stage.HasRoom()) DrainStage();
+        if (number != 0) {
+            m_stage.AddWithSource(handle, m_time, m_delta, LoadValue(data, entry->valueBytes), number);
+            entry->stagedSource = true;
+        } else {
+            m_stage.Add(handle, m_time, m_delta, LoadValue(data, entry->valueBytes));
+        }
+        ++entry->stageCount;
+        return true;
+    }
+    entry->store.push_back(m_time, static_cast<int>(m_delta), data, number);
+    // Once the store is the handle's alone (after a store attached by SetEventsStore was
+    // copied), the next values are staged.
+    if (StoreAccess::Body(entry->store)->OwnedAlone()) {
+        if (!m_stage.Allocated()) m_stage.Allocate();
+        entry->staged = true;
+    }
     return true;
+}
+
+void KTarvelWrite::DrainStage() {
+    if (m_stage.empty()) return;
+    m_stage.SortByHandle(m_changed, [this](std::int32_t handle) -> std::uint32_t& { return m_handles.At(handle).stageCount; });
+    const EventStage::Sorted* sorted = m_stage.SortedEvents();
+    std::uint32_t start = 0;
+    try {
+        for (std::int32_t handle : m_changed) {
+            HandleEntry& entry = m_handles.At(handle);
+            const std::uint32_t end = entry.stageCount;
+            entry.stageCount = 0;
+            if (end == start) continue;
+            AppendEvents(entry.store, end - start, StagedRange{m_stage, sorted + start});
+            start = end;
+        }
+    } catch (...) {
+        // Out of memory: the writer fails; the log and the counts are left empty.
+        for (std::int32_t handle : m_changed) m_handles.At(handle).stageCount = 0;
+        m_stage.Clear();
+        throw;
+    }
+    m_stage.Clear();
 }
 
 bool KTarvelWrite::SetEventsStore(int handle, const KEventsStore& store) {
@@ -465,42 +537,118 @@ bool KTarvelWrite::FlushAll() {
     return m_stream.Flush();
 }
 
-// A flush group: the handles of one type that share one events store.
-struct FlushGroupKey {
+// One changed handle as the flush groups it: by type index, then by store; stores are taken in
+// the order their bodies were made (a serial number), which keeps the order of the blocks the
+// same from run to run. Handles whose stores share one body form one group.
+struct FlushMember {
     std::int32_t typeIndex;
-    KEventsStore store;
-    // By type index, then by store; stores are taken in the order their bodies were made (a
-    // serial number), which keeps the order of the blocks the same from run to run.
-    bool operator<(const FlushGroupKey& other) const {
+    std::int32_t serial;
+    const void* body;
+    std::uint32_t order;  // place in the list of changed handles: a group lists them in that order
+    std::int32_t handle;
+    std::uint32_t first;  // the handle's range of the sorted staging log
+    std::uint32_t count;
+    bool logged;          // written straight from that range
+    bool operator<(const FlushMember& other) const {
         if (typeIndex != other.typeIndex) return typeIndex < other.typeIndex;
-        if (store.GetNr() != other.store.GetNr()) return store.GetNr() < other.store.GetNr();
-        return store < other.store;
+        if (serial != other.serial) return serial < other.serial;
+        if (body != other.body) return std::less<const void*>()(body, other.body);
+        return order < other.order;
     }
+    bool SameGroup(const FlushMember& other) const { return typeIndex == other.typeIndex && body == other.body; }
 };
 
 bool KTarvelWrite::WriteChangedStores() {
-    {
-        // The groups hold copies of the stores; they must be gone before the stores are emptied,
-        // or every store would be shared and emptying it would copy it.
-        Map<FlushGroupKey, Vector<std::int32_t>> groups;
+    // The staging log sorted by handle: each handle's events form one range of it.
+    if (!m_stage.empty()) {
+        m_stage.SortByHandle(m_changed, [this](std::int32_t handle) -> std::uint32_t& { return m_handles.At(handle).stageCount; });
+    }
+    const EventStage::Sorted* sorted = m_stage.SortedEvents();
+    Vector<FlushMember> members;
+    members.reserve(m_changed.size());
+    std::uint32_t start = 0;
+    try {
         for (std::int32_t handle : m_changed) {
-            HandleEntry* entry = m_handles.Find(handle);
-            entry->store.push_end(m_time, static_cast<int>(m_delta));
+            HandleEntry* entry = &m_handles.At(handle);
+            const std::uint32_t end = entry->stageCount;
+            entry->stageCount = 0;
+            FlushMember member{entry->typeIndex, 0, nullptr, static_cast<std::uint32_t>(members.size()), handle, start, end - start, false};
+            start = end;
+            // A handle whose events all wait in the log, none with a source, is written straight
+            // from it; the others get their logged events first and are written from the store.
+            member.logged = member.count > 0 && entry->store.count() == 0 && !entry->stagedSource;
+            if (!member.logged) {
+                if (member.count > 0) AppendEvents(entry->store, member.count, StagedRange{m_stage, sorted + member.first});
+                entry->store.push_end(m_time, static_cast<int>(m_delta));
+            }
             entry->changed = false;
             entry->sized = false;
+            entry->staged = false;
+            entry->stagedSource = false;
             if (!m_types.Find(entry->typeIndex)) {
+                m_stage.Clear();
                 return ReportError("Unknown typeindex %d for handle %d", entry->typeIndex, handle);
             }
-            groups[FlushGroupKey{entry->typeIndex, entry->store}].push_back(handle);
+            member.serial = entry->store.GetNr();
+            member.body = StoreAccess::Body(entry->store);
+            members.push_back(member);
         }
-        m_dirty = false;
-        for (const auto& group : groups) {
-            if (!WriteBlock(group.first.typeIndex, group.first.store, group.second)) return ReportError("");
-        }
+    } catch (...) {
+        for (std::int32_t handle : m_changed) m_handles.At(handle).stageCount = 0;
+        m_stage.Clear();
+        throw;
     }
-    for (std::int32_t handle : m_changed) m_handles.Find(handle)->store.clear();
+    m_dirty = false;
+    std::sort(members.begin(), members.end());
+    Vector<std::int32_t> handles;
+    for (std::size_t first = 0; first < members.size();) {
+        std::size_t last = first + 1;
+        while (last < members.size() && members[last].SameGroup(members[first])) ++last;
+        const FlushMember& member = members[first];
+        const HandleEntry& entry = m_handles.At(member.handle);
+        bool written = false;
+        if (member.logged) {
+            // A logged handle's store is its own: it forms a group alone.
+            written = WriteLoggedBlock(member.typeIndex, entry, member.handle, sorted + member.first, member.count);
+        } else {
+            handles.clear();
+            for (std::size_t i = first; i < last; ++i) handles.push_back(members[i].handle);
+            written = WriteBlock(member.typeIndex, entry.store, handles);
+        }
+        if (!written) {
+            m_stage.Clear();
+            return ReportError("");
+        }
+        first = last;
+    }
+    for (const FlushMember& member : members) {
+        if (!member.logged) m_handles.At(member.handle).store.clear();
+    }
     m_changed.clear();
+    m_stage.Clear();
     return true;
+}
+
+bool KTarvelWrite::WriteLoggedBlock(std::int32_t typeIndex, const HandleEntry& entry, std::int32_t handle,
+                                    const EventStage::Sorted* events, std::size_t count) {
+    const TypeHandle& type = *m_types.Find(typeIndex);
+    if (!TypeRegistry::HasValueText(type)) return true;
+    if (!m_lines.WriteWavesLine(&handle, 1)) return false;
+    const StagedRange range{m_stage, events};
+    if (!EmitLoggedSteps(m_lines, range, count) || !m_lines.WriteValuesLine()) return false;
+    const KEventsStoreBody& body = *StoreAccess::Body(entry.store);
+    if (body.valueKind != ValueKind::kNone) {
+        KValueWriter values(m_lines, m_types, typeIndex, entry.store.GetSize(), static_cast<int>(type.ValueSize()));
+        bool ok = false;
+        switch (body.valueKind) {
+            case ValueKind::kSize1: ok = EmitLoggedValues<KValueStore<4, 1>>(values, range, count); break;
+            case ValueKind::kSize4: ok = EmitLoggedValues<KValueStore<4, 4>>(values, range, count); break;
+            case ValueKind::kSize8: ok = EmitLoggedValues<KValueStore<8, 8>>(values, range, count); break;
+            case ValueKind::kNone: break;
+        }
+        if (!ok) return false;
+    }
+    return m_lines.WriteEndLine();
 }
 
 bool KTarvelWrite::WriteBlock(std::int32_t typeIndex, const KEventsStore& store, const Vector<std::int32_t>& handles) {

@@ -11,6 +11,7 @@
 #include "foundation/memory.h"
 #include "tarvel/writer.h"
 #include "writer/error_report.h"
+#include "writer/event_stage.h"
 #include "writer/line_writer.h"
 #include "writer/output_stream.h"
 #include "writer/type_registry.h"
@@ -23,6 +24,10 @@ struct HandleEntry {
     bool present = false;        // the handle was declared or given a type
     bool changed = false;        // events stored (or a store attached) since the last flush
     bool sized = false;          // a value was stored in this flush interval (store prepared)
+    bool staged = false;         // this interval's next values go through the staging log
+    bool stagedSource = false;   // ...and one of them has a source
+    std::uint8_t valueBytes = 0; // bytes of one value as the store keeps it (0 to 8)
+    std::uint32_t stageCount = 0;  // events of this handle in the staging log
     KEventsStore store;
 };
 
@@ -45,6 +50,10 @@ public:
         if (page >= m_pages.size() || !m_pages[page]) return nullptr;
         HandleEntry* entry = &m_pages[page][handle & (kPageSize - 1)];
         return entry->present ? entry : nullptr;
+    }
+    // The entry of a handle known to be present.
+    HandleEntry& At(int handle) const {
+        return m_pages[static_cast<std::size_t>(handle) >> kPageBits][handle & (kPageSize - 1)];
     }
     // The entry of `handle` (>= 0), made present. May throw std::bad_alloc.
     HandleEntry& Make(int handle);
@@ -119,7 +128,10 @@ private:
     bool FlushAll();
     bool WriteChangedStores();
     bool WriteBlock(std::int32_t typeIndex, const KEventsStore& store, const Vector<std::int32_t>& handles);
+    bool WriteLoggedBlock(std::int32_t typeIndex, const HandleEntry& entry, std::int32_t handle,
+                          const EventStage::Sorted* events, std::size_t count);
     bool StoreValueChecked(int handle, const unsigned char* data, int source);
+    void DrainStage();
     static bool FlushThunk(void* owner);
 
     unsigned m_references = 1;
@@ -135,6 +147,7 @@ private:
     bool m_dirty = false;             // some handle has events since the last flush
     HandleTable m_handles;
     Vector<std::int32_t> m_changed;   // handles whose changed flag is set
+    EventStage m_stage;               // values not yet handed to their stores
     Map<std::int32_t, BusInfo> m_buses;
     std::int32_t m_pendingBus = -1;   // bus of the pending element lines
     Vector<std::pair<std::int32_t, std::int32_t>> m_pendingElements;  // (element, position)

@@ -98,19 +98,20 @@ KTimePointDictionary::Use KTimePointDictionary::LookupIn(Table<Key>& table, cons
     const bool worth = WorthTaking(fullLength);
     bool inserted = false;
     auto* entry = table.Find(key, worth, &inserted);
-    if (entry == nullptr) return Use{-1, false};
-    if (entry->slot >= 0) return Use{entry->slot, false};
+    // Not worth a slot now is not worth one ever: slot numbers only grow longer.
+    if (entry == nullptr) return Use{-1, false, true};
+    if (entry->slot >= 0) return Use{entry->slot, false, true};
     // First use: written in full and remembered as a candidate.
-    if (inserted || !worth) return Use{-1, false};
+    if (inserted || !worth) return Use{-1, false, !worth};
     // Second use of a candidate: take it.
     entry->slot = nextSlot_++;
-    return Use{entry->slot, true};
+    return Use{entry->slot, true, true};
 }
 
 KTimePointDictionary::Use KTimePointDictionary::Lookup(std::int64_t step, std::int32_t delta,
                                                        std::size_t fullLength) {
-    if (cacheValid_ && step == cacheStep_ && delta == cacheDelta_) return Use{cacheSlot_, false};
-    Use use{-1, false};
+    if (cacheValid_ && step == cacheStep_ && delta == cacheDelta_) return Use{cacheSlot_, false, true};
+    Use use{-1, false, false};
     const bool narrow = step >= 0 && step < (std::int64_t{1} << 31);
     const auto narrowStep = static_cast<std::uint32_t>(step);
     if (delta == 0) {

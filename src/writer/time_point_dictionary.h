@@ -29,10 +29,12 @@ public:
     static constexpr int kSlotLimit = 4096;
 
     // How to write a point: `slot` < 0: in full; `taken`: "=slot " and the point in full;
-    // otherwise "*slot" alone.
+    // otherwise "*slot" alone. `settled`: every later use of the point is written the same way
+    // ("*slot" once taken; in full when it can never be taken), so a caller may keep its text.
     struct Use {
         int slot;
         bool taken;
+        bool settled;
     };
 
     // Looks up the point (step, delta) and takes it into a slot when the rule above says so.
