@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "store/events_store_body.h"
+#include "store/little_endian.h"
 #include "store/store_access.h"
 
 namespace Tarvel {
@@ -58,12 +59,14 @@ void AppendEventsTo(KEventsStoreBody& body, Store* values, std::size_t count, co
     KTimeDeltaStore& steps = body.timeDeltas;
     for (std::size_t i = 0; i < count; ++i) {
         const int source = events.Source(i);
+        unsigned char value[8];
+        LittleEndian::Store<std::uint64_t>(value, events.Bits(i));
         const bool ready = source == 0 && steps.ReadyToAppend() && (values == nullptr || values->ReadyToAppend());
         if (ready) {
             AppendStep(body, events.Time(i), static_cast<int>(events.Delta(i)));
-            if (values) values->AppendValue(events.Value(i));
+            if (values) values->AppendValue(value);
         } else {
-            ApplyPushValue(body, events.Time(i), static_cast<int>(events.Delta(i)), events.Value(i), source);
+            ApplyPushValue(body, events.Time(i), static_cast<int>(events.Delta(i)), value, source);
         }
     }
 }
@@ -71,8 +74,8 @@ void AppendEventsTo(KEventsStoreBody& body, Store* values, std::size_t count, co
 }  // namespace Detail
 
 // Appends `count` events to `store` in order, as `count` calls of push_back(time, delta, value,
-// source) would. Events provides Time(i), Delta(i), Value(i) (a pointer to the value's bytes) and
-// Source(i). When the handle holds its body alone the events go straight into the coders, without
+// source) would. Events provides Time(i), Delta(i), Bits(i) (the value's bytes read as a
+// little-endian number) and Source(i). When the handle holds its body alone the events go straight into the coders, without
 // a check of the body per event. May throw std::bad_alloc; the events before the failing one are
 // then stored.
 template <class Events>
@@ -80,7 +83,9 @@ void AppendEvents(KEventsStore& store, std::size_t count, const Events& events) 
     KEventsStoreBody* body = StoreAccess::Body(store);
     if (!body->OwnedAlone()) {
         for (std::size_t i = 0; i < count; ++i) {
-            store.push_back(events.Time(i), static_cast<int>(events.Delta(i)), events.Value(i), events.Source(i));
+            unsigned char value[8];
+            LittleEndian::Store<std::uint64_t>(value, events.Bits(i));
+            store.push_back(events.Time(i), static_cast<int>(events.Delta(i)), value, events.Source(i));
         }
         return;
     }

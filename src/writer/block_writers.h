@@ -76,7 +76,7 @@ private:
 // Writing one handle's events straight from a log, without filling its store: the same pattern
 // searches as the store's coders run over the time steps and the values and hand their literals
 // and runs to the block writers, so the records are the ones the store would emit after taking
-// the same events. Events provides Time(i), Delta(i) and Value(i) as for AppendEvents.
+// the same events. Events provides Time(i), Delta(i) and Bits(i) as for AppendEvents.
 template <class Events>
 bool EmitLoggedSteps(KLineWriter& lines, const Events& events, std::size_t count) {
     struct Sink {
@@ -131,7 +131,7 @@ bool EmitLoggedValues(KValueWriter& writer, const Events& events, std::size_t co
     const std::size_t shown = count < static_cast<std::size_t>(kMaxStoreItems) ? count : static_cast<std::size_t>(kMaxStoreItems);
     if (!writer.pushCount(static_cast<int>(shown))) return false;
     typename Store::Finder finder;
-    for (std::size_t i = 0; i < count && sink.ok; ++i) finder.Push(PackBytes::Load<Word>(events.Value(i)), sink);
+    for (std::size_t i = 0; i < count && sink.ok; ++i) finder.Push(static_cast<Word>(events.Bits(i)), sink);
     finder.Flush(sink);
     return sink.ok;
 }

@@ -21,9 +21,9 @@ namespace Tarvel {
 class EventStage {
 public:
     // Events the log holds. A flush interval of up to this many events is written straight from
-    // the log; a longer one goes through the stores in runs of this size. The buffers take 32
-    // bytes per event and more for distinct times and sources, committed as they fill (up to
-    // 56 MB at the worst, 33 MB for events that share their times).
+    // the log; a longer one goes through the stores in runs of this size. The buffers take 24
+    // bytes per event, 8 more for values wider than 4 bytes or with sources, and 16 per distinct
+    // time; the system commits their pages only as they fill.
     static constexpr std::uint32_t kCapacity = std::uint32_t{1} << 20;
     static constexpr std::uint32_t kPointCapacity = kCapacity;
     static constexpr std::uint32_t kSourceCapacity = kCapacity;
@@ -32,20 +32,44 @@ public:
         int64 time;
         std::uint32_t delta;
     };
-    // One event in arrival order. The top bit of `point` says that a source number waits in the
-    // source array (in arrival order too).
+    // One event in arrival order: its handle's slot (see NewSlot), its time point and its value
+    // as a number (the value's bytes read little-endian). The top bit of `point` says that a
+    // source number waits in the source array (in arrival order too).
     struct Event {
-        std::int32_t handle;
+        std::uint32_t slot;
         std::uint32_t point;
         std::uint64_t value;
     };
-    // One event after the sort by handle.
-    struct Sorted {
+    // One event after the sort by slot, in two arrays: what every event needs, and the value's
+    // high word and the source, kept only when some event of the log has either.
+    struct Narrow {
         std::uint32_t point;
+        std::uint32_t low;
+    };
+    struct Wide {
+        std::uint32_t high;
         std::int32_t source;
-        std::uint64_t value;
     };
     static constexpr std::uint32_t kSourceFlag = 0x80000000u;
+
+    // A slot's events after the sort, as the store's batch append and the block writers read
+    // them: Time(i), Delta(i), Bits(i) (the value as a number) and Source(i).
+    class Range {
+    public:
+        Range(const EventStage& stage, std::uint32_t first)
+            : m_points(stage.m_points), m_narrow(stage.m_narrow + first), m_wide(stage.m_hasWide ? stage.m_wide + first : nullptr) {}
+        int64 Time(std::size_t i) const { return m_points[m_narrow[i].point].time; }
+        std::uint32_t Delta(std::size_t i) const { return m_points[m_narrow[i].point].delta; }
+        std::uint64_t Bits(std::size_t i) const {
+            return m_wide ? (std::uint64_t{m_wide[i].high} << 32) | m_narrow[i].low : m_narrow[i].low;
+        }
+        int Source(std::size_t i) const { return m_wide ? m_wide[i].source : 0; }
+
+    private:
+        const Point* m_points;
+        const Narrow* m_narrow;
+        const Wide* m_wide;
+    };
 
     EventStage() = default;
     EventStage(const EventStage&) = delete;
@@ -58,62 +82,89 @@ public:
     void Allocate() {
         try {
             m_events = static_cast<Event*>(Tarvel::Allocate(sizeof(Event) * kCapacity));
-            m_sorted = static_cast<Sorted*>(Tarvel::Allocate(sizeof(Sorted) * kCapacity));
+            m_narrow = static_cast<Narrow*>(Tarvel::Allocate(sizeof(Narrow) * kCapacity));
+            m_wide = static_cast<Wide*>(Tarvel::Allocate(sizeof(Wide) * kCapacity));
             m_points = static_cast<Point*>(Tarvel::Allocate(sizeof(Point) * kPointCapacity));
             m_sources = static_cast<std::int32_t*>(Tarvel::Allocate(sizeof(std::int32_t) * kSourceCapacity));
-            m_eventLimit = kCapacity;
         } catch (...) {
             Release();
             throw;
         }
     }
 
+    // Lowers the number of events the log takes before it drains (tests use small limits to
+    // drive the stores' path; 0 turns staging off).
+    void SetLimit(std::uint32_t events) { m_eventLimit = events < kCapacity ? events : kCapacity; }
+    bool Enabled() const { return m_eventLimit > 0; }
+
     bool empty() const { return m_eventCount == 0; }
     // True when one more event (with a source, with a new time point) fits; false while the
     // buffers are not made.
     bool HasRoom() const {
-        return m_eventCount < m_eventLimit && m_pointCount < kPointCapacity && m_sourceCount < kSourceCapacity;
+        return m_events != nullptr && m_eventCount < m_eventLimit && m_pointCount < kPointCapacity &&
+               m_sourceCount < kSourceCapacity;
     }
+
+    // A new slot: the writer gives one to each handle that takes values in a flush interval, in
+    // the order of its list of changed handles, and the log sorts by slot. May throw
+    // std::bad_alloc.
+    std::uint32_t NewSlot() {
+        m_counts.push_back(0);
+        return static_cast<std::uint32_t>(m_counts.size() - 1);
+    }
+    // Forgets the slots (at the end of a flush interval).
+    void ClearSlots() { m_counts.clear(); }
 
     // Appends an event. REQUIRES: HasRoom().
-    void Add(std::int32_t handle, int64 time, std::uint32_t delta, std::uint64_t value) {
-        m_events[m_eventCount++] = Event{handle, PointOf(time, delta), value};
+    void Add(std::uint32_t slot, int64 time, std::uint32_t delta, std::uint64_t value) {
+        ++m_counts[slot];
+        m_hasWide |= (value >> 32) != 0;
+        m_events[m_eventCount++] = Event{slot, PointOf(time, delta), value};
     }
-    void AddWithSource(std::int32_t handle, int64 time, std::uint32_t delta, std::uint64_t value, std::int32_t source) {
+    void AddWithSource(std::uint32_t slot, int64 time, std::uint32_t delta, std::uint64_t value, std::int32_t source) {
+        ++m_counts[slot];
+        m_hasWide = true;
         m_sources[m_sourceCount++] = source;
-        m_events[m_eventCount++] = Event{handle, PointOf(time, delta) | kSourceFlag, value};
+        m_events[m_eventCount++] = Event{slot, PointOf(time, delta) | kSourceFlag, value};
     }
 
-    // Sorts the log by handle, keeping arrival order within a handle. `handles` lists every
-    // handle with events in the log (others too: a count of 0 is skipped); countOf(handle) is
-    // that handle's event count, which the sort uses as its cursor and leaves at the end of the
-    // handle's range. Afterwards visit each handle's range in the order of `handles`.
-    template <class Handles, class CountOf>
-    void SortByHandle(const Handles& handles, CountOf&& countOf) {
+    // Sorts the log by slot, keeping arrival order within a slot. Afterwards the events of slot
+    // s are Range(*this, RangeStart(s)) up to RangeEnd(s), until Clear().
+    void SortBySlot() {
         std::uint32_t offset = 0;
-        for (std::int32_t handle : handles) {
-            std::uint32_t& count = countOf(handle);
+        for (std::uint32_t& count : m_counts) {
             const std::uint32_t n = count;
-            count = offset;
+            count = offset;  // the slot's cursor, left at the end of its range
             offset += n;
+        }
+        std::uint32_t* const cursors = m_counts.data();
+        if (!m_hasWide) {
+            for (std::uint32_t i = 0; i < m_eventCount; ++i) {
+                const Event& event = m_events[i];
+                m_narrow[cursors[event.slot]++] = Narrow{event.point, static_cast<std::uint32_t>(event.value)};
+            }
+            return;
         }
         std::uint32_t sourceAt = 0;
         for (std::uint32_t i = 0; i < m_eventCount; ++i) {
             const Event& event = m_events[i];
             std::int32_t source = 0;
             if (event.point & kSourceFlag) source = m_sources[sourceAt++];
-            m_sorted[countOf(event.handle)++] = Sorted{event.point & ~kSourceFlag, source, event.value};
+            const std::uint32_t at = cursors[event.slot]++;
+            m_narrow[at] = Narrow{event.point & ~kSourceFlag, static_cast<std::uint32_t>(event.value)};
+            m_wide[at] = Wide{static_cast<std::uint32_t>(event.value >> 32), source};
         }
     }
+    std::uint32_t RangeStart(std::uint32_t slot) const { return slot == 0 ? 0 : m_counts[slot - 1]; }
+    std::uint32_t RangeEnd(std::uint32_t slot) const { return m_counts[slot]; }
 
-    const Sorted* SortedEvents() const { return m_sorted; }
-    const Point& PointAt(std::uint32_t index) const { return m_points[index]; }
-
-    // Empties the log (the buffers stay).
+    // Empties the log (the buffers and the slots stay).
     void Clear() {
+        for (std::uint32_t& count : m_counts) count = 0;
         m_eventCount = 0;
         m_pointCount = 0;
         m_sourceCount = 0;
+        m_hasWide = false;
     }
 
 private:
@@ -128,25 +179,29 @@ private:
 
     void Release() noexcept {
         Free(m_events);
-        Free(m_sorted);
+        Free(m_narrow);
+        Free(m_wide);
         Free(m_points);
         Free(m_sources);
         m_events = nullptr;
-        m_sorted = nullptr;
+        m_narrow = nullptr;
+        m_wide = nullptr;
         m_points = nullptr;
         m_sources = nullptr;
-        m_eventLimit = 0;
         Clear();
     }
 
-    std::uint32_t m_eventLimit = 0;  // kCapacity once the buffers are made
+    std::uint32_t m_eventLimit = kCapacity;  // events taken before a drain
     std::uint32_t m_eventCount = 0;
     std::uint32_t m_pointCount = 0;
     std::uint32_t m_sourceCount = 0;
+    bool m_hasWide = false;          // some event has a value above 32 bits or a source
     Event* m_events = nullptr;
-    Sorted* m_sorted = nullptr;
+    Narrow* m_narrow = nullptr;
+    Wide* m_wide = nullptr;
     Point* m_points = nullptr;
     std::int32_t* m_sources = nullptr;
+    Vector<std::uint32_t> m_counts;  // per slot: events in the log; after the sort, range ends
 };
 
 }  // namespace Tarvel

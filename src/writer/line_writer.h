@@ -144,7 +144,7 @@ private:
         std::uint8_t length;
     };
     static_assert(sizeof(PointText) == 16, "copied as one block");
-    static constexpr std::int64_t kKeptSteps = 1024;
+    static constexpr std::int64_t kKeptSteps = 4096;
 
     KOutputStream& stream_;
     IErrorReport& reporter_;

@@ -9,6 +9,7 @@
 #include <new>
 
 #include "store/event_append.h"
+#include "store/little_endian.h"
 #include "writer/block_writers.h"
 #include "writer/file_format.h"
 
@@ -398,27 +399,16 @@ bool KTarvelWrite::StoreValue(int handle, const unsigned char* data) { return St
 
 namespace {
 
-// The value's bytes as the store keeps them, read from exactly `bytes` bytes of the caller's.
+// The value as a number: exactly `bytes` bytes of the caller's, read little-endian (as the
+// stores read values).
 std::uint64_t LoadValue(const unsigned char* data, unsigned bytes) {
-    std::uint64_t value = 0;
     switch (bytes) {
-        case 0: break;
-        case 4: std::memcpy(&value, data, 4); break;
-        case 8: std::memcpy(&value, data, 8); break;
-        default: std::memcpy(&value, data, bytes); break;
+        case 0: return 0;
+        case 4: return LittleEndian::Load<std::uint32_t>(data);
+        case 8: return LittleEndian::Load<std::uint64_t>(data);
+        default: return LittleEndian::LoadPart(data, bytes);
     }
-    return value;
 }
-
-// A handle's range of the sorted staging log, as the store's batch append reads it.
-struct StagedRange {
-    const EventStage& stage;
-    const EventStage::Sorted* events;
-    int64 Time(std::size_t i) const { return stage.PointAt(events[i].point).time; }
-    std::uint32_t Delta(std::size_t i) const { return stage.PointAt(events[i].point).delta; }
-    const unsigned char* Value(std::size_t i) const { return reinterpret_cast<const unsigned char*>(&events[i].value); }
-    int Source(std::size_t i) const { return events[i].source; }
-};
 
 }  // namespace
 
@@ -427,8 +417,7 @@ bool KTarvelWrite::StoreValueWithSource(int handle, const unsigned char* data, i
     HandleEntry* entry = m_handles.Find(handle);
     // The common case: a staged handle, a value without source, room in the log.
     if (entry && entry->staged && source == 0 && m_stage.HasRoom()) {
-        m_stage.Add(handle, m_time, m_delta, LoadValue(data, entry->valueBytes));
-        ++entry->stageCount;
+        m_stage.Add(entry->stageSlot, m_time, m_delta, LoadValue(data, entry->valueBytes));
         return true;
     }
     return Guarded(*this, [&] { return StoreValueChecked(handle, data, source); });
@@ -440,13 +429,13 @@ bool KTarvelWrite::StoreValueChecked(int handle, const unsigned char* data, int 
     if (!entry->changed) {
         const TypeHandle* type = m_types.Find(entry->typeIndex);
         const int size = type && type->IsScalar() ? static_cast<int>(type->ValueSize()) : 0;
-        m_changed.push_back(handle);
+        MarkChanged(*entry, handle);
         // Each handle's store is its own, so it changes in place and its values can be staged.
         MakePrivate(StoreAccess::BodySlot(entry->store));
         entry->store.SetSize(size);
         entry->changed = true;
-        if (!m_stage.Allocated()) m_stage.Allocate();
-        entry->staged = StoreAccess::Body(entry->store)->OwnedAlone();
+        entry->staged = m_stage.Enabled() && StoreAccess::Body(entry->store)->OwnedAlone();
+        if (entry->staged && !m_stage.Allocated()) m_stage.Allocate();
     }
     if (!entry->sized) {
         entry->valueBytes = static_cast<std::uint8_t>(entry->store.GetSize());
@@ -458,41 +447,45 @@ bool KTarvelWrite::StoreValueChecked(int handle, const unsigned char* data, int 
     if (entry->staged) {
         if (!m_stage.HasRoom()) DrainStage();
         if (number != 0) {
-            m_stage.AddWithSource(handle, m_time, m_delta, LoadValue(data, entry->valueBytes), number);
+            m_stage.AddWithSource(entry->stageSlot, m_time, m_delta, LoadValue(data, entry->valueBytes), number);
             entry->stagedSource = true;
         } else {
-            m_stage.Add(handle, m_time, m_delta, LoadValue(data, entry->valueBytes));
+            m_stage.Add(entry->stageSlot, m_time, m_delta, LoadValue(data, entry->valueBytes));
         }
-        ++entry->stageCount;
         return true;
     }
     entry->store.push_back(m_time, static_cast<int>(m_delta), data, number);
     // Once the store is the handle's alone (after a store attached by SetEventsStore was
     // copied), the next values are staged.
-    if (StoreAccess::Body(entry->store)->OwnedAlone()) {
+    if (m_stage.Enabled() && StoreAccess::Body(entry->store)->OwnedAlone()) {
         if (!m_stage.Allocated()) m_stage.Allocate();
         entry->staged = true;
     }
     return true;
 }
 
+void KTarvelWrite::MarkChanged(HandleEntry& entry, std::int32_t handle) {
+    m_changed.push_back(handle);
+    try {
+        entry.stageSlot = m_stage.NewSlot();
+    } catch (...) {
+        m_changed.pop_back();
+        throw;
+    }
+}
+
 void KTarvelWrite::DrainStage() {
     if (m_stage.empty()) return;
-    m_stage.SortByHandle(m_changed, [this](std::int32_t handle) -> std::uint32_t& { return m_handles.At(handle).stageCount; });
-    const EventStage::Sorted* sorted = m_stage.SortedEvents();
-    std::uint32_t start = 0;
+    m_stage.SortBySlot();
     try {
-        for (std::int32_t handle : m_changed) {
-            HandleEntry& entry = m_handles.At(handle);
-            const std::uint32_t end = entry.stageCount;
-            entry.stageCount = 0;
+        for (std::uint32_t slot = 0; slot < m_changed.size(); ++slot) {
+            const std::uint32_t start = m_stage.RangeStart(slot);
+            const std::uint32_t end = m_stage.RangeEnd(slot);
             if (end == start) continue;
-            AppendEvents(entry.store, end - start, StagedRange{m_stage, sorted + start});
-            start = end;
+            AppendEvents(m_handles.At(m_changed[slot]).store, end - start, EventStage::Range(m_stage, start));
         }
     } catch (...) {
-        // Out of memory: the writer fails; the log and the counts are left empty.
-        for (std::int32_t handle : m_changed) m_handles.At(handle).stageCount = 0;
+        // Out of memory: the writer fails; the log is left empty.
         m_stage.Clear();
         throw;
     }
@@ -508,7 +501,7 @@ bool KTarvelWrite::SetEventsStore(int handle, const KEventsStore& store) {
         const TypeHandle* type = m_types.Find(entry->typeIndex);
         if (!type) return ReportError("");
         if (!type->IsScalar()) return ReportError("SetEventsStore(%d) called for non-scalar", handle);
-        if (!entry->changed) m_changed.push_back(handle);
+        if (!entry->changed) MarkChanged(*entry, handle);
         entry->store = store;
         entry->changed = true;
         m_dirty = true;
@@ -560,25 +553,20 @@ struct FlushMember {
 
 bool KTarvelWrite::WriteChangedStores() {
     // The staging log sorted by handle: each handle's events form one range of it.
-    if (!m_stage.empty()) {
-        m_stage.SortByHandle(m_changed, [this](std::int32_t handle) -> std::uint32_t& { return m_handles.At(handle).stageCount; });
-    }
-    const EventStage::Sorted* sorted = m_stage.SortedEvents();
+    if (!m_stage.empty()) m_stage.SortBySlot();
     Vector<FlushMember> members;
     members.reserve(m_changed.size());
-    std::uint32_t start = 0;
     try {
-        for (std::int32_t handle : m_changed) {
+        for (std::uint32_t slot = 0; slot < m_changed.size(); ++slot) {
+            const std::int32_t handle = m_changed[slot];
             HandleEntry* entry = &m_handles.At(handle);
-            const std::uint32_t end = entry->stageCount;
-            entry->stageCount = 0;
-            FlushMember member{entry->typeIndex, 0, nullptr, static_cast<std::uint32_t>(members.size()), handle, start, end - start, false};
-            start = end;
+            const std::uint32_t start = m_stage.RangeStart(slot);
+            FlushMember member{entry->typeIndex, 0, nullptr, slot, handle, start, m_stage.RangeEnd(slot) - start, false};
             // A handle whose events all wait in the log, none with a source, is written straight
             // from it; the others get their logged events first and are written from the store.
             member.logged = member.count > 0 && entry->store.count() == 0 && !entry->stagedSource;
             if (!member.logged) {
-                if (member.count > 0) AppendEvents(entry->store, member.count, StagedRange{m_stage, sorted + member.first});
+                if (member.count > 0) AppendEvents(entry->store, member.count, EventStage::Range(m_stage, member.first));
                 entry->store.push_end(m_time, static_cast<int>(m_delta));
             }
             entry->changed = false;
@@ -594,7 +582,6 @@ bool KTarvelWrite::WriteChangedStores() {
             members.push_back(member);
         }
     } catch (...) {
-        for (std::int32_t handle : m_changed) m_handles.At(handle).stageCount = 0;
         m_stage.Clear();
         throw;
     }
@@ -609,7 +596,7 @@ bool KTarvelWrite::WriteChangedStores() {
         bool written = false;
         if (member.logged) {
             // A logged handle's store is its own: it forms a group alone.
-            written = WriteLoggedBlock(member.typeIndex, entry, member.handle, sorted + member.first, member.count);
+            written = WriteLoggedBlock(member.typeIndex, entry, member.handle, EventStage::Range(m_stage, member.first), member.count);
         } else {
             handles.clear();
             for (std::size_t i = first; i < last; ++i) handles.push_back(members[i].handle);
@@ -626,15 +613,15 @@ bool KTarvelWrite::WriteChangedStores() {
     }
     m_changed.clear();
     m_stage.Clear();
+    m_stage.ClearSlots();
     return true;
 }
 
 bool KTarvelWrite::WriteLoggedBlock(std::int32_t typeIndex, const HandleEntry& entry, std::int32_t handle,
-                                    const EventStage::Sorted* events, std::size_t count) {
+                                    const EventStage::Range& range, std::size_t count) {
     const TypeHandle& type = *m_types.Find(typeIndex);
     if (!TypeRegistry::HasValueText(type)) return true;
     if (!m_lines.WriteWavesLine(&handle, 1)) return false;
-    const StagedRange range{m_stage, events};
     if (!EmitLoggedSteps(m_lines, range, count) || !m_lines.WriteValuesLine()) return false;
     const KEventsStoreBody& body = *StoreAccess::Body(entry.store);
     if (body.valueKind != ValueKind::kNone) {

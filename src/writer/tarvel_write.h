@@ -27,7 +27,7 @@ struct HandleEntry {
     bool staged = false;         // this interval's next values go through the staging log
     bool stagedSource = false;   // ...and one of them has a source
     std::uint8_t valueBytes = 0; // bytes of one value as the store keeps it (0 to 8)
-    std::uint32_t stageCount = 0;  // events of this handle in the staging log
+    std::uint32_t stageSlot = 0; // its place in the list of changed handles and the log's slot
     KEventsStore store;
 };
 
@@ -97,6 +97,9 @@ public:
     bool SetDefaultEndTime(const int64& time) override;
     bool StoreSource(int source) override;
 
+    // Events the staging log takes before it hands them to the stores (tests; 0: no staging).
+    void SetStageLimit(std::uint32_t events) { m_stage.SetLimit(events); }
+
     // ITypesWriter and IErrorReport: the first failure closes the file and logs its message.
     bool ReportError(const char* format, ...) override;
     bool WriteTypeLine(std::int32_t typeIndex, const char* typeInfo) override;
@@ -129,9 +132,10 @@ private:
     bool WriteChangedStores();
     bool WriteBlock(std::int32_t typeIndex, const KEventsStore& store, const Vector<std::int32_t>& handles);
     bool WriteLoggedBlock(std::int32_t typeIndex, const HandleEntry& entry, std::int32_t handle,
-                          const EventStage::Sorted* events, std::size_t count);
+                          const EventStage::Range& range, std::size_t count);
     bool StoreValueChecked(int handle, const unsigned char* data, int source);
     void DrainStage();
+    void MarkChanged(HandleEntry& entry, std::int32_t handle);
     static bool FlushThunk(void* owner);
 
     unsigned m_references = 1;
