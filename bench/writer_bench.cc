@@ -19,7 +19,6 @@ using Tarvel::int64;
 
 enum Workload { kBits, kIntegers, kReals, kBitsFew };
 constexpr int kEvents = 4 << 20;
-constexpr int kFlushEvery = 1 << 20;
 
 struct Events {
     int signals = 0;
@@ -68,6 +67,7 @@ const char* TypeOf(Workload w) {
 
 void BM_TarvelWrite(benchmark::State& state) {
     const Workload workload = static_cast<Workload>(state.range(0));
+    const int flushEvery = 1 << state.range(1);
     const Events& e = Make(workload);
     const char* path = "/tmp/tarvel_bench.twf";
     long size = 0;
@@ -82,7 +82,7 @@ void BM_TarvelWrite(benchmark::State& state) {
             std::uint64_t v = e.value[i];
             if (workload == kBits || workload == kBitsFew) v += 2;  // std_logic '0' / '1'
             w->StoreValue(static_cast<int>(e.handle[i]), reinterpret_cast<const unsigned char*>(&v));
-            if (i % kFlushEvery == kFlushEvery - 1) w->Flush();
+            if (i % flushEvery == flushEvery - 1) w->Flush();
         }
         if (!w->Release()) state.SkipWithError("writing failed");
         size = FileSize(path);
@@ -122,7 +122,16 @@ void Workloads(benchmark::internal::Benchmark* b) {
     for (int w = kBits; w <= kBitsFew; ++w) b->Arg(w);
 }
 
-BENCHMARK(BM_TarvelWrite)->Apply(Workloads)->Unit(benchmark::kMillisecond)->UseRealTime();
+// Flushes every 2^20 events (a flush interval the writer's staging log holds whole), and for
+// the first workload also every 2^22 (one flush at the end: the log fills up and is handed to
+// the stores four times).
+void WorkloadsAndFlushes(benchmark::internal::Benchmark* b) {
+    b->ArgNames({"workload", "flush_log2"});
+    for (int w = kBits; w <= kBitsFew; ++w) b->Args({w, 20});
+    b->Args({kBits, 22});
+}
+
+BENCHMARK(BM_TarvelWrite)->Apply(WorkloadsAndFlushes)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_VcdWrite)->Apply(Workloads)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace
