@@ -438,7 +438,12 @@ bool KTarvelWrite::StoreValueChecked(int handle, const unsigned char* data, int 
         if (entry->staged && !m_stage.Allocated()) m_stage.Allocate();
     }
     if (!entry->sized) {
-        entry->valueBytes = static_cast<std::uint8_t>(entry->store.GetSize());
+        // The bytes read from the caller: the store's value size, but never more than the
+        // type's (a store attached with SetEventsStore may keep wider values).
+        const TypeHandle* type = m_types.Find(entry->typeIndex);
+        const std::int64_t typeBytes = type && type->IsScalar() ? type->ValueSize() : 0;
+        const int storeBytes = entry->store.GetSize();
+        entry->valueBytes = static_cast<std::uint8_t>(storeBytes < typeBytes ? storeBytes : typeBytes);
         entry->sized = true;
     }
     int number = 0;
@@ -454,7 +459,9 @@ bool KTarvelWrite::StoreValueChecked(int handle, const unsigned char* data, int 
         }
         return true;
     }
-    entry->store.push_back(m_time, static_cast<int>(m_delta), data, number);
+    unsigned char value[8];
+    LittleEndian::Store<std::uint64_t>(value, LoadValue(data, entry->valueBytes));
+    entry->store.push_back(m_time, static_cast<int>(m_delta), value, number);
     // Once the store is the handle's alone (after a store attached by SetEventsStore was
     // copied), the next values are staged.
     if (m_stage.Enabled() && StoreAccess::Body(entry->store)->OwnedAlone()) {

@@ -225,10 +225,16 @@ TEST(TarvelWrite, AttachedStoresAndRepeatedIntervalsWriteOneBlockPerInterval) {
     ASSERT_TRUE(w->Flush());  // nothing stored: nothing written
     ASSERT_TRUE(w->SetTime(200) && Put(*w, 1, 6));
     ASSERT_TRUE(w->SetEventsStore(2, store));  // accepted again after the flush
+    // A store of wider values than the type's, then a value: only the type's 4 bytes are read.
+    ASSERT_TRUE(w->SetTypeInfo(3, "i#7#integer") && w->StoreSignal(3, 0, -1, 0, "c", 0));
+    KEventsStore wide;
+    wide.SetSize(8);
+    ASSERT_TRUE(w->SetEventsStore(3, wide) && Put(*w, 3, 9));
     ASSERT_TRUE(w->Release());
     const std::string text = ReadBytes(path);
     EXPECT_NE(text.find("$WAVES 1 2\r\nT 100\r\n$VALUES\r\nV 1\r\n5\r\n$END\r\n"), std::string::npos) << text;
     EXPECT_NE(text.find("$WAVES 1\r\nT 200\r\n$VALUES\r\nV 1\r\n6\r\n$END\r\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("$WAVES 3\r\n=0 T 200\r\n$VALUES\r\nV 1\r\n9\r\n$END\r\n"), std::string::npos) << text;
     EXPECT_EQ(text.find("$SOURCES"), std::string::npos);
 }
 
