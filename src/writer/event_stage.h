@@ -24,9 +24,9 @@ public:
     // the log; a longer one goes through the stores in runs of this size. The buffers take 24
     // bytes per event, 8 more for values wider than 4 bytes or with sources, and 16 per distinct
     // time; the system commits their pages only as they fill.
+    // The point and source arrays have the same capacity: an event adds at most one of each,
+    // so room for an event is room for both.
     static constexpr std::uint32_t kCapacity = std::uint32_t{1} << 20;
-    static constexpr std::uint32_t kPointCapacity = kCapacity;
-    static constexpr std::uint32_t kSourceCapacity = kCapacity;
 
     struct Point {
         int64 time;
@@ -84,8 +84,9 @@ public:
             m_events = static_cast<Event*>(Tarvel::Allocate(sizeof(Event) * kCapacity));
             m_narrow = static_cast<Narrow*>(Tarvel::Allocate(sizeof(Narrow) * kCapacity));
             m_wide = static_cast<Wide*>(Tarvel::Allocate(sizeof(Wide) * kCapacity));
-            m_points = static_cast<Point*>(Tarvel::Allocate(sizeof(Point) * kPointCapacity));
-            m_sources = static_cast<std::int32_t*>(Tarvel::Allocate(sizeof(std::int32_t) * kSourceCapacity));
+            m_points = static_cast<Point*>(Tarvel::Allocate(sizeof(Point) * kCapacity));
+            m_sources = static_cast<std::int32_t*>(Tarvel::Allocate(sizeof(std::int32_t) * kCapacity));
+            m_room = m_eventLimit;
         } catch (...) {
             Release();
             throw;
@@ -94,16 +95,15 @@ public:
 
     // Lowers the number of events the log takes before it drains (tests use small limits to
     // drive the stores' path; 0 turns staging off).
-    void SetLimit(std::uint32_t events) { m_eventLimit = events < kCapacity ? events : kCapacity; }
+    void SetLimit(std::uint32_t events) {
+        m_eventLimit = events < kCapacity ? events : kCapacity;
+        if (Allocated()) m_room = m_eventLimit;
+    }
     bool Enabled() const { return m_eventLimit > 0; }
 
     bool empty() const { return m_eventCount == 0; }
-    // True when one more event (with a source, with a new time point) fits; false while the
-    // buffers are not made.
-    bool HasRoom() const {
-        return m_events != nullptr && m_eventCount < m_eventLimit && m_pointCount < kPointCapacity &&
-               m_sourceCount < kSourceCapacity;
-    }
+    // True when one more event fits; false while the buffers are not made.
+    bool HasRoom() const { return m_eventCount < m_room; }
 
     // A new slot: the writer gives one to each handle that takes values in a flush interval, in
     // the order of its list of changed handles, and the log sorts by slot. May throw
@@ -188,10 +188,12 @@ private:
         m_wide = nullptr;
         m_points = nullptr;
         m_sources = nullptr;
+        m_room = 0;
         Clear();
     }
 
     std::uint32_t m_eventLimit = kCapacity;  // events taken before a drain
+    std::uint32_t m_room = 0;                // m_eventLimit once the buffers are made, else 0
     std::uint32_t m_eventCount = 0;
     std::uint32_t m_pointCount = 0;
     std::uint32_t m_sourceCount = 0;

@@ -426,22 +426,19 @@ bool KTarvelWrite::StoreValueWithSource(int handle, const unsigned char* data, i
 bool KTarvelWrite::StoreValueChecked(int handle, const unsigned char* data, int source) {
     HandleEntry* entry = m_handles.Find(handle);
     if (!entry) return ReportError("StoreValueWithSource called for unknown handle %d", handle);
-    if (!entry->changed) {
-        const TypeHandle* type = m_types.Find(entry->typeIndex);
-        const int size = type && type->IsScalar() ? static_cast<int>(type->ValueSize()) : 0;
-        MarkChanged(*entry, handle);
-        // Each handle's store is its own, so it changes in place and its values can be staged.
-        MakePrivate(StoreAccess::BodySlot(entry->store));
-        entry->store.SetSize(size);
-        entry->changed = true;
-        entry->staged = m_stage.Enabled() && StoreAccess::Body(entry->store)->OwnedAlone();
-        if (entry->staged && !m_stage.Allocated()) m_stage.Allocate();
-    }
     if (!entry->sized) {
+        const TypeHandle* type = m_types.Find(entry->typeIndex);
+        const int typeBytes = type && type->IsScalar() ? static_cast<int>(type->ValueSize()) : 0;
+        if (!entry->changed) {
+            MarkChanged(*entry, handle);
+            // Each handle's store is its own, so it changes in place and its values can be staged.
+            MakePrivate(StoreAccess::BodySlot(entry->store));
+            entry->store.SetSize(typeBytes);
+            entry->changed = true;
+            StartStaging(*entry);
+        }
         // The bytes read from the caller: the store's value size, but never more than the
         // type's (a store attached with SetEventsStore may keep wider values).
-        const TypeHandle* type = m_types.Find(entry->typeIndex);
-        const std::int64_t typeBytes = type && type->IsScalar() ? type->ValueSize() : 0;
         const int storeBytes = entry->store.GetSize();
         entry->valueBytes = static_cast<std::uint8_t>(storeBytes < typeBytes ? storeBytes : typeBytes);
         entry->sized = true;
@@ -464,11 +461,14 @@ bool KTarvelWrite::StoreValueChecked(int handle, const unsigned char* data, int 
     entry->store.push_back(m_time, static_cast<int>(m_delta), value, number);
     // Once the store is the handle's alone (after a store attached by SetEventsStore was
     // copied), the next values are staged.
-    if (m_stage.Enabled() && StoreAccess::Body(entry->store)->OwnedAlone()) {
-        if (!m_stage.Allocated()) m_stage.Allocate();
-        entry->staged = true;
-    }
+    StartStaging(*entry);
     return true;
+}
+
+void KTarvelWrite::StartStaging(HandleEntry& entry) {
+    if (!m_stage.Enabled() || !StoreAccess::Body(entry.store)->OwnedAlone()) return;
+    if (!m_stage.Allocated()) m_stage.Allocate();
+    entry.staged = true;
 }
 
 void KTarvelWrite::MarkChanged(HandleEntry& entry, std::int32_t handle) {

@@ -136,6 +136,8 @@ private:
     bool StoreValueChecked(int handle, const unsigned char* data, int source);
     void DrainStage();
     void MarkChanged(HandleEntry& entry, std::int32_t handle);
+    // Stages the handle's next values when its store is its own (and staging is on).
+    void StartStaging(HandleEntry& entry);
     static bool FlushThunk(void* owner);
 
     unsigned m_references = 1;

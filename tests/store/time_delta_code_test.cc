@@ -126,14 +126,5 @@ TEST(TimeDeltaStore, CoderFindsPatternsAndWalksBackEveryStep) {
     }
 }
 
-TEST(TimeDeltaStore, InvalidAndTruncatedStreamsStopTheWalk) {
-    KTimeDeltaStore store;
-    store.AppendDirectStep({300, 0});  // 67, 2C 01: three bytes, no end code
-    TimeCursor cursor;
-    TimeDelta step;
-    EXPECT_EQ(store.Next(&cursor, &step), StepResult::kStep);
-    EXPECT_EQ(store.Next(&cursor, &step), StepResult::kEnd);  // bytes run out: no further event
-}
-
 }  // namespace
 }  // namespace Tarvel

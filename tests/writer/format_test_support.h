@@ -16,9 +16,22 @@
 #include <vector>
 
 #include "foundation/platform_file.h"
+#include "tarvel/writer.h"
 #include "writer/line_writer.h"
 
 namespace Tarvel::Testing {
+
+// Source locations for writer tests: sources up to 50 in one file, spelled two ways (the writer
+// compares file names without case); larger ones are unknown.
+class Sources final : public ISourceCallback {
+public:
+    bool GetSourceLocation(int source, const char** fileName, int* line) const override {
+        if (source > 50) return false;
+        *fileName = source % 2 ? "top.vhd" : "TOP.VHD";
+        *line = source * 10;
+        return true;
+    }
+};
 
 // Like the writer's reporter: the first failure closes the stream and is `logged`; every
 // message is kept.

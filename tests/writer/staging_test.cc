@@ -13,16 +13,6 @@
 namespace Tarvel::Testing {
 namespace {
 
-class Sources final : public ISourceCallback {
-public:
-    bool GetSourceLocation(int source, const char** fileName, int* line) const override {
-        if (source > 50) return false;  // unknown sources: the value keeps none
-        *fileName = source % 3 ? "a.vhd" : "b.vhd";
-        *line = source;
-        return true;
-    }
-};
-
 const char* const kTypes[] = {
     "e#9#std_logicc9 UX01ZWLH-",
     "i#7#integer",

@@ -38,16 +38,6 @@ bool PutReal(ITarvelWrite& w, int handle, double value) {
     return w.StoreValue(handle, bytes.get());
 }
 
-class Sources final : public ISourceCallback {
-public:
-    bool GetSourceLocation(int source, const char** fileName, int* line) const override {
-        if (source > 50) return false;
-        *fileName = source % 2 ? "top.vhd" : "TOP.VHD";  // one file, compared without case
-        *line = source * 10;
-        return true;
-    }
-};
-
 // A small design written through every kind of declaration, then three flush intervals.
 void WriteDesign(ITarvelWrite& w, bool timed) {
     ASSERT_TRUE(w.SetResolution(1000));
