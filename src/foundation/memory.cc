@@ -19,7 +19,7 @@ std::atomic<void*> g_reserve{nullptr};
 [[noreturn]] void Fail() {
     g_outOfMemory.store(true, std::memory_order_relaxed);
     if (void* reserve = g_reserve.exchange(nullptr, std::memory_order_acq_rel)) Platform::HeapFree(reserve);
-    throw std::bad_alloc();
+    ThrowAllocationFailure();
 }
 
 void FreeReserve() noexcept {
@@ -35,15 +35,17 @@ LibraryLifetime g_lifetime;
 
 }  // namespace
 
+void ThrowAllocationFailure() { throw AllocationFailure(); }
+
 void* Allocate(std::size_t size) {
-    if (g_outOfMemory.load(std::memory_order_relaxed)) throw std::bad_alloc();
+    if (g_outOfMemory.load(std::memory_order_relaxed)) ThrowAllocationFailure();
     void* block = Platform::HeapAllocate(size);
     if (!block) Fail();
     return block;
 }
 
 void* Reallocate(void* block, std::size_t size) {
-    if (g_outOfMemory.load(std::memory_order_relaxed)) throw std::bad_alloc();
+    if (g_outOfMemory.load(std::memory_order_relaxed)) ThrowAllocationFailure();
     void* grown = Platform::HeapReallocate(block, size);
     if (!grown) Fail();
     return grown;

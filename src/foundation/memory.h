@@ -24,6 +24,16 @@ namespace Tarvel {
 // Size of the reserve that is given back to the heap at the first failure.
 inline constexpr std::size_t kOutOfMemoryReserveSize = 0x40000;
 
+// The allocation failure the library throws: a std::bad_alloc whose what() is "bad allocation"
+// on every platform and runtime, so hosts that show or log it see one text.
+class AllocationFailure : public std::bad_alloc {
+public:
+    const char* what() const noexcept override { return "bad allocation"; }
+};
+
+// Throws AllocationFailure.
+[[noreturn]] void ThrowAllocationFailure();
+
 // Returns a block of at least `size` bytes (size 0 gives a valid unique block), or throws
 // std::bad_alloc by the rule above. The block is aligned for any fundamental type.
 void* Allocate(std::size_t size);
@@ -66,7 +76,7 @@ struct Allocator {
     template <class U>
     Allocator(const Allocator<U>&) noexcept {}
     T* allocate(std::size_t n) {
-        if (n > static_cast<std::size_t>(-1) / sizeof(T)) throw std::bad_alloc();
+        if (n > static_cast<std::size_t>(-1) / sizeof(T)) ThrowAllocationFailure();
         return static_cast<T*>(Allocate(n * sizeof(T)));
     }
     void deallocate(T* p, std::size_t) noexcept { Free(p); }

@@ -307,7 +307,7 @@ void ModifyShared(KEventsStoreBody** handleBody, const ModificationRecord& recor
     }
     if (discard) {
         DestroyPrivateBody(discard);
-        if (*handleBody == body) throw std::bad_alloc();
+        if (*handleBody == body) ThrowAllocationFailure();
     }
 }
 
