@@ -2,8 +2,6 @@
 // Raw reader layer. Single-threaded: one lexer per reader.
 #include "rawreader/lexer.h"
 
-#include <limits>
-
 #include "foundation/platform_file.h"
 #include "writer/file_format.h"
 
@@ -11,10 +9,6 @@ namespace Tarvel {
 namespace {
 
 constexpr char kCharacterQuote = '\'';
-
-// Largest magnitudes of the number fields; a negative number may go one further.
-constexpr std::uint64_t kInt32Max = std::numeric_limits<std::int32_t>::max();
-constexpr std::uint64_t kInt64Max = std::numeric_limits<std::int64_t>::max();
 
 bool CanStartNumber(int c) noexcept {
     return KLexer::IsDigit(c) || c == '-' || c == Format::kRelativePrefix;
@@ -100,29 +94,24 @@ bool KLexer::Expect(int& c, int wanted) noexcept {
 
 // ---- Numbers -----------------------------------------------------------------------------------
 
-template <std::uint64_t kTenth>
-inline bool KLexer::ReadDigits(int& c, unsigned lastDigit, std::uint64_t& magnitude) noexcept {
-    std::uint64_t value = 0;
+template <class Unsigned>
+inline Unsigned KLexer::ReadDigits(int& c) noexcept {
+    Unsigned value = 0;
     int current = c;  // a local copy, so that the loop keeps it in a register
     do {
-        const auto digit = static_cast<unsigned>(current - '0');
-        // value * 10 + digit > limit, asked without overflowing.
-        if (value >= kTenth && (value > kTenth || digit > lastDigit)) break;
-        value = value * 10 + digit;
+        value = static_cast<Unsigned>(value * 10u + static_cast<unsigned>(current - '0'));
         current = Next();
     } while (IsDigit(current));
     c = current;
-    magnitude = value;
-    return !IsDigit(current);
+    return value;
 }
 
 inline bool KLexer::ReadSignedDigits(int& c, std::int32_t& value) noexcept {
     const bool negative = c == '-';
     if (negative) c = Next();
-    std::uint64_t magnitude = 0;
-    if (!IsDigit(c) || !ReadDigits<kInt32Max / 10>(c, kInt32Max % 10 + negative, magnitude)) return false;
-    // Modulo 2^32: -2^31 comes out of the unsigned negation exactly.
-    value = static_cast<std::int32_t>(static_cast<std::uint32_t>(negative ? 0 - magnitude : magnitude));
+    if (!IsDigit(c)) return false;
+    const std::uint32_t magnitude = ReadDigits<std::uint32_t>(c);
+    value = static_cast<std::int32_t>(negative ? 0u - magnitude : magnitude);
     return true;
 }
 
@@ -148,13 +137,10 @@ bool KLexer::ReadWide(int& c, std::int64_t& value) noexcept {
     if (!SkipBlanks(c)) return false;
     const bool negative = c == '-';
     if (negative) c = Next();
-    const std::uint64_t limit = kInt64Max + negative;
-    std::uint64_t magnitude = 0;
-    if (!IsDigit(c) || !ReadDigits<kInt64Max / 10>(c, kInt64Max % 10 + negative, magnitude)) return false;
+    if (!IsDigit(c)) return false;
+    std::uint64_t magnitude = ReadDigits<std::uint64_t>(c);
     if (c == Format::kThousandsSuffix) {
-        constexpr auto kThousand = static_cast<std::uint64_t>(Format::kThousand);
-        if (magnitude > limit / kThousand) return false;  // c stays on the "k"
-        magnitude *= kThousand;
+        magnitude *= static_cast<std::uint64_t>(Format::kThousand);
         c = Next();
     }
     value = static_cast<std::int64_t>(negative ? 0 - magnitude : magnitude);

@@ -15,11 +15,11 @@
 // a field is incomplete. The only exception is std::bad_alloc from the allocation path while a
 // caller's string or list grows.
 //
-// Numbers. Digits accumulate in unsigned 64 bits and a value outside its field's range (32 bits
-// for integers, 64 bits for wide integers, after the "k" multiplication too) fails the read
-// instead of wrapping: a number the writer cannot produce is malformed input. The one place that
-// wraps is the addition of a "+" difference to the last relative number, which is taken modulo
-// 2^32 so that files of writers that computed the difference in 32 bits read back exactly.
+// Numbers. Digits accumulate as value * 10 + digit in the field's width (32 bits for integers
+// and relative integers, 64 bits for wide integers), wrapping around modulo 2^32 or 2^64; the
+// "k" multiplication and the sign wrap the same way, and so does the addition of a "+"
+// difference to the last relative number. Every bit pattern is a possible result, so the callers
+// bound what a number drives (list lengths, counts, sizes, positions) themselves.
 //
 // Costs. Next() is an inline compare and load; the buffer refills out of line with one block read
 // of up to 64 KiB. Token operations scan the buffer directly and append to the caller's string in
@@ -116,14 +116,14 @@ public:
     // Clears `word` and appends characters from `c` up to whitespace or kEnd (no blanks are
     // skipped first). True when the word is not empty.
     bool ReadWord(int& c, String& word);
-    // Plain integer: skips blanks, an optional "-", at least one digit; 32-bit range.
+    // Plain integer: skips blanks, an optional "-", at least one digit; modulo 2^32.
     bool ReadInteger(int& c, std::int32_t& value) noexcept;
     // Relative integer: skips blanks, an optional "+" (a difference added to the last relative
     // number, modulo 2^32), then a plain integer with no blanks after the "+". Either way the
     // result becomes the last relative number.
     bool ReadRelative(int& c, std::int32_t& value) noexcept;
     // Wide integer: skips blanks, an optional "-", digits, an optional "k" (times 1000, consumed);
-    // the sign applies last; the result must fit 64 bits. Event times use this form.
+    // the sign applies last; modulo 2^64. Event times use this form.
     bool ReadWide(int& c, std::int64_t& value) noexcept;
     // String: skips blanks, clears `text`, then one of
     //   "..."  a quoted string; a backslash takes the next character literally; kEnd inside fails;
@@ -168,11 +168,11 @@ private:
     bool EndOfLineAfterBlanks(int& c) noexcept;
     // Reads the next block into the buffer. False when nothing arrived (end of file or no file).
     bool Refill() noexcept;
-    // Accumulates the digits starting at `c` (a digit); fails with `c` on the digit that takes
-    // the magnitude above the limit kTenth * 10 + lastDigit.
-    template <std::uint64_t kTenth>
-    bool ReadDigits(int& c, unsigned lastDigit, std::uint64_t& magnitude) noexcept;
-    // "-"? digits, within the 32-bit range; no blanks skipped.
+    // Accumulates the digits starting at `c` (a digit) as value * 10 + digit in the width of
+    // Unsigned, wrapping around; leaves `c` on the first non-digit.
+    template <class Unsigned>
+    Unsigned ReadDigits(int& c) noexcept;
+    // "-"? digits, modulo 2^32; no blanks skipped.
     bool ReadSignedDigits(int& c, std::int32_t& value) noexcept;
     // Appends the bytes after `c` to `out` up to the first byte for which `stop` is true, and
     // returns that byte (consumed), or kEnd.

@@ -3,6 +3,7 @@
 // Raw reader layer; one thread at a time.
 #include "rawreader/raw_reader.h"
 
+#include <algorithm>
 #include <cstring>
 #include <new>
 
@@ -106,6 +107,7 @@ bool KRawTarvelRead::ParseKeyword(int& c, bool* stop) {
         int64 time = 0;
         if (!m_lexer.ReadWide(c, time) || !m_lexer.EndOfLine(c)) return false;
         m_endTime = time;
+        m_hasEndTime = true;
         if (!m_timed) m_defaultEndTime = time;
         return true;
     }
@@ -160,25 +162,36 @@ bool KRawTarvelRead::ParseDeclaration(int& c, int mode, bool bus) {
     std::int32_t x = -1;
     const bool hasX = m_lexer.SkipBlanks(c) && m_lexer.ReadInteger(c, x);
     if (m_version != 4) return ParseVersion2Tail(c, entry, hasX, x);
-    entry.typeId = typeId;
-    if (const TypeHandle* type = TypeOf(typeId)) entry.type = *type;
+    // Type index 0 is the writer's "declared without a type", unless a type line gave it.
+    const TypeHandle* type = TypeOf(typeId);
+    entry.typeId = typeId == 0 && !type ? -1 : typeId;
+    if (type) entry.type = *type;
+    // X (the parent) may stand alone; with Y (the position) an end time may follow. A missing end
+    // time is the default end time.
     std::int32_t y = 0;
-    if (hasX && !m_lexer.ReadInteger(c, y)) return false;
-    if (hasX && m_lexer.SkipBlanks(c) && !m_lexer.ReadWide(c, m_declarationTime)) return false;
-    entry.endTime = m_declarationTime;
+    const bool hasY = hasX && NumberFollows(c);
+    if (hasY && !m_lexer.ReadInteger(c, y)) return false;
+    entry.endTime = m_defaultEndTime;
+    if (hasY && NumberFollows(c) && !m_lexer.ReadWide(c, entry.endTime)) return false;
     if (!m_lexer.EndOfLine(c)) return false;
     if (hasX) Attach(x, handle, y);
     return true;
 }
 
+bool KRawTarvelRead::NumberFollows(int& c) {
+    return m_lexer.SkipBlanks(c) && (KLexer::IsDigit(c) || c == '-');
+}
+
 // Version 2: after the name, optionally X (the type index), Y (the parent), a word that may give
-// the mode (after Y, on NOMODE and SIGNAL lines only) and the declaration time.
+// the mode (after Y, on NOMODE and SIGNAL lines only) and the declaration time; without a time
+// the default end time.
 bool KRawTarvelRead::ParseVersion2Tail(int& c, SignalEntry& entry, bool hasX, std::int32_t x) {
     std::int32_t parent = -1;
+    entry.endTime = m_defaultEndTime;
     if (hasX) {
         entry.typeId = x;
         if (const TypeHandle* type = TypeOf(x)) entry.type = *type;
-        const bool hasY = m_lexer.SkipBlanks(c) && (KLexer::IsDigit(c) || c == '-');
+        const bool hasY = NumberFollows(c);
         if (hasY && !m_lexer.ReadInteger(c, parent)) return false;
         if (hasY && m_lexer.SkipBlanks(c) && !KLexer::IsDigit(c) && c != '-') {
             if (entry.mode != Format::kModeNone && entry.mode != Format::kModeSignal) return false;
@@ -186,9 +199,8 @@ bool KRawTarvelRead::ParseVersion2Tail(int& c, SignalEntry& entry, bool hasX, st
             int mode = 0;
             entry.mode = Format::ModeFromWord(m_word, false, &mode) ? mode : 0;
         }
-        if (m_lexer.SkipBlanks(c) && !m_lexer.ReadWide(c, m_declarationTime)) return false;
+        if (m_lexer.SkipBlanks(c) && !m_lexer.ReadWide(c, entry.endTime)) return false;
     }
-    entry.endTime = m_declarationTime;
     if (!m_lexer.EndOfLine(c)) return false;
     if (parent >= 0) Attach(parent, entry.number, 0);
     return true;
@@ -209,9 +221,14 @@ bool KRawTarvelRead::ParseTypeLine(int& c) {
     std::int32_t id = 0;
     if (!m_lexer.ReadInteger(c, id) || !m_lexer.ReadString(c, m_text) || !m_lexer.EndOfLine(c)) return false;
     if (!TypeHandle::IsWellFormed(m_text.c_str())) return false;
-    if (m_typeIndex.count(id)) return false;
+    // A repeated id takes the later text; both stay in the type listing.
     m_types.push_back(TypeEntry{id, TypeHandle(m_text.c_str()), m_text});
-    m_typeIndex.emplace(id, m_types.size() - 1);
+    try {
+        m_typeIndex[id] = m_types.size() - 1;
+    } catch (...) {
+        m_types.pop_back();
+        throw;
+    }
     m_typeList.clear();
     if (m_stdLogic < 0 && IsStdLogicTypeString(m_text.c_str())) m_stdLogic = id;
     return true;
@@ -245,10 +262,15 @@ bool KRawTarvelRead::ParseElement(int& c) {
 bool KRawTarvelRead::ParseElementList(int& c, std::int32_t busHandle) {
     const SignalEntry* target = Find(busHandle);
     if (!target) return false;
-    // A bus has at most `width` elements: a longer list is damage, not a reason to make millions
-    // of signals.
+    // A bus has at most `width` elements. And every element is a signal of its own, so the
+    // elements of all lists together may not outnumber kFreeElements plus the bytes read so far:
+    // a writer's file spends an "S" line on each element, so only damage (a wrapped width and a
+    // long range, say) meets the bound, and the memory a file can make the reader take grows
+    // with its size.
     const std::size_t width = static_cast<std::size_t>(target->width < 0 ? 0 : target->width);
-    if (!m_lexer.ReadIndexList(c, m_list, width) || !m_lexer.EndOfLine(c)) return false;
+    const std::size_t allowance = kFreeElements + static_cast<std::size_t>(m_lexer.Position()) - m_elementsListed;
+    if (!m_lexer.ReadIndexList(c, m_list, std::min(width, allowance)) || !m_lexer.EndOfLine(c)) return false;
+    m_elementsListed += m_list.size();
     for (std::size_t i = 0; i < m_list.size(); ++i) {
         const std::int32_t handle = m_list[i];
         const auto given = m_elementPositions.find(handle);
@@ -325,20 +347,18 @@ bool KRawTarvelRead::ParseOldLayout() {
             continue;
         }
         if (!m_lexer.ReadWord(c, m_word)) return false;
-        if (Is(m_word, "ENDWAVE")) return m_lexer.EndOfLineOrFile(c);
-        std::int32_t handle = 0;
-        if (!m_lexer.ReadInteger(c, handle)) return false;
-        if (Is(m_word, "SIGNAL")) {
-            std::int32_t typeId = -1;
-            if (!m_lexer.ReadInteger(c, typeId) || !m_lexer.ReadString(c, m_text) || !m_lexer.EndOfLine(c)) return false;
-            SignalEntry& entry = Declare(handle);
-            entry.mode = Format::kModeSignal;
-            entry.name = m_text;
-            entry.typeId = typeId;
-            if (const TypeHandle* type = TypeOf(typeId)) entry.type = *type;
+        if (Is(m_word, Format::kTerminatorWord)) return m_lexer.EndOfLineOrFile(c);
+        // Signal lines are declarations like those of the newer layouts, with the mode word
+        // "SIGNAL" and no "$" before it.
+        if (Is(m_word, Format::kOldSignal)) {
+            if (!ParseDeclaration(c, Format::kModeSignal, false)) return false;
             continue;
         }
-        if (!Is(m_word, "EVENTS") || !m_lexer.EndOfLine(c) || !ParseOldEvents(c, handle)) return false;
+        std::int32_t handle = 0;
+        if (!Is(m_word, Format::kOldEvents) || !m_lexer.ReadInteger(c, handle) || !m_lexer.EndOfLine(c) ||
+            !ParseOldEvents(c, handle)) {
+            return false;
+        }
     }
 }
 

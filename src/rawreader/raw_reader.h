@@ -62,6 +62,10 @@ struct PropertyCursor {
 
 class KRawTarvelRead final : public IRawTarvelRead {
 public:
+    // Elements that element lists may name beyond one per byte of the file read (see
+    // ParseElementList).
+    static constexpr std::size_t kFreeElements = std::size_t{1} << 16;
+
     KRawTarvelRead();
     ~KRawTarvelRead() override;
 
@@ -69,7 +73,7 @@ public:
     bool Open(const char* fileName);
 
     int64 GetResolution() override { return m_resolution; }
-    int64 GetEndTime() override { return m_endTime < 0 ? 0 : m_endTime; }
+    int64 GetEndTime() override { return m_hasEndTime ? m_endTime : 0; }
     bool IsTimed() override { return m_timed; }
     SignalIterator FindSignal(int signalNr) override;
     SignalIterator BeginSignals() override;
@@ -107,6 +111,8 @@ private:
     bool ParseKeyword(int& c, bool* stop);
     bool ParseDeclaration(int& c, int mode, bool bus);
     bool ParseVersion2Tail(int& c, SignalEntry& entry, bool hasX, std::int32_t x);
+    // Skips blanks; true when a number starts at `c`.
+    bool NumberFollows(int& c);
     bool ParseTypeLine(int& c);
     bool ParseProperty(int& c);
     bool ParseElement(int& c);
@@ -149,7 +155,8 @@ private:
     int m_version = -1;          // 1, 2 or 4
     bool m_timed = false;
     int64 m_resolution = 1000;
-    int64 m_endTime = -1;        // "$ENDTIME"; -1 when absent
+    int64 m_endTime = -1;        // the last "$ENDTIME", as given
+    bool m_hasEndTime = false;   // some "$ENDTIME" was read
     int64 m_defaultEndTime = 0;  // untimed files: "$ENDTIME" too
     bool m_stoppedAtMark = false;  // the last parse stopped at a commit mark or the terminator
     Vector<SignalEntry> m_signals;               // in declaration order
@@ -168,9 +175,9 @@ private:
     KSourcer m_sourcer;
     std::int32_t m_currentBus = -1;              // the bus declared last ("$SC")
     Map<std::int32_t, std::int32_t> m_elementPositions;  // "S" lines waiting for their list
+    std::size_t m_elementsListed = 0;            // elements named by all element lists so far
     String m_previousName;                       // for compressed names
     String m_scratch;                            // working space of ReadName
-    int64 m_declarationTime = 0;                 // the time of the last declaration that had one
     Vector<TimeDelta> m_points;                  // the time-point dictionary
     String m_word;                               // scratch token
     String m_text;                               // scratch token

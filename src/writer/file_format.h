@@ -79,6 +79,10 @@ inline constexpr std::string_view kEnd = "END";
 inline constexpr std::string_view kEndTime = "ENDTIME";
 inline constexpr std::string_view kTerminatorWord = "ENDWAVE";
 
+// Words of the oldest layout ("$WAVE"), which stand at the start of a line without a "$".
+inline constexpr std::string_view kOldSignal = "SIGNAL";  // a declaration, mode 6
+inline constexpr std::string_view kOldEvents = "EVENTS";  // the events of one signal follow
+
 // The terminator line as written, line end included. Its length is the room a commit mark
 // leaves behind when the writer goes on over it.
 inline constexpr std::string_view kTerminatorLine = "$ENDWAVE\r\n";

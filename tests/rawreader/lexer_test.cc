@@ -47,17 +47,22 @@ const auto kList = [](Lexed& in, std::string& out) {
     return true;
 };
 
-TEST(Lexer, NumbersFailOnOverflowInsteadOfWrapping) {
+TEST(Lexer, NumbersWrapAroundInTheirWidth) {
     EXPECT_EQ(Scan("12k -3k 0 -9223372036854775808 9223372036854775k;", kWide),
               "12000 -3000 0 -9223372036854775808 9223372036854775000 |;");
-    EXPECT_EQ(Scan("9223372036854775808", kWide), "|8");
-    EXPECT_EQ(Scan("9223372036854776k", kWide), "|k");  // fits only before the "k"
-    EXPECT_EQ(Scan("2147483647 -2147483648 2147483648", kInteger), "2147483647 -2147483648 |8");
+    // value * 10 + digit in 64 bits, the "k" and the sign too: every digit string reads.
+    EXPECT_EQ(Scan("9223372036854775808 9223372036854776k 18446744073709551617 -99999999999999999999", kWide),
+              "-9223372036854775808 -9223372036854775616 1 -7766279631452241919 |END");
+    // ... and in 32 bits for plain and relative integers.
+    EXPECT_EQ(Scan("2147483647 -2147483648 2147483648 4294967297 -4294967295 99999999999", kInteger),
+              "2147483647 -2147483648 -2147483648 1 1 1215752191 |END");
     EXPECT_EQ(Scan("12\n34", kInteger), "12 |LF");  // no number is joined across a line feed
     EXPECT_EQ(Scan("-\n5", kInteger), "|LF");
     EXPECT_EQ(Scan("- 5", kInteger), "| ");
     // "+" adds to the last relative number (modulo 2^32); a sign needs its digits right after it.
-    EXPECT_EQ(Scan("10 +2 +2 +-3 2147483647 +1 + 5", kRelative), "10 12 14 11 2147483647 -2147483648 | ");
+    EXPECT_EQ(Scan("10 +2 +2 +-3 2147483647 +1 +4294967296 + 5", kRelative), "10 12 14 11 2147483647 -2147483648 -2147483648 | ");
+    // A wrapped range end still expands within the list's limit: 0 to 4294967297 is 0 to 1.
+    EXPECT_EQ(Scan("0-4294967297;", kList), "0,1, |END");
 }
 
 TEST(Lexer, IndexListsRangesAndSteps) {

@@ -46,6 +46,7 @@ std::string WriteSample() {
         w->StoreValue(4, reinterpret_cast<const unsigned char*>(&n));
         if (t % 100 == 99) w->Flush();
     }
+    w->Commit();
     w->Release();
     return path;
 }

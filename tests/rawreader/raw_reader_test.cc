@@ -16,6 +16,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "foundation/platform.h"
 #include "rawreader/lexer_test_support.h"
 #include "rawreader/raw_reader_dump.h"
 #include "tarvel/raw_reader.h"
@@ -195,7 +196,7 @@ private:
             const int width = static_cast<int>(TypeHandle(text.c_str()).ChildCount());
             W(w_->StoreBus(h, mode, rng_() % 2 ? width : 0, -1, 0, name.c_str(), time));
             Declared(h, s, name, time);
-            buses_[h] = {text, time, std::vector<int>(width, 0)};
+            buses_[h] = {text, time, s.end, std::vector<int>(width, 0)};
         } else if (pick < 9 && !buses_.empty()) {  // elements of a bus declared before
             auto bus = std::next(buses_.begin(), static_cast<long>(rng_() % buses_.size()));
             for (int n = 1 + rng_() % 4, p = static_cast<int>(rng_() % bus->second.taken.size()); n > 0; --n, p = (p + 1) % static_cast<int>(bus->second.taken.size())) {
@@ -209,7 +210,7 @@ private:
                 s.parent = bus->first;
                 s.position = p;
                 const int64 at = rng_() % 2 ? bus->second.time : DeclarationTime();
-                s.end = timed_ ? (at != bus->second.time ? at : 0) : at;
+                s.end = at != bus->second.time ? at : bus->second.end;  // "$ENDSC", or the bus's
                 W(w_->StoreSignal(e, mode, bus->first, p, "ignored", at));
                 if (pendingBus_ != bus->first) WritePendingElements();
                 pendingBus_ = bus->first;
@@ -235,8 +236,10 @@ private:
 
     void Declared(int h, Signal& s, const std::string& name, int64 time) {
         s.name = name;
-        if (!timed_) lastTime_ = time;  // a long form carries it; a short form has it already
-        s.end = timed_ ? 0 : time;
+        // An untimed declaration carries its time when it differs from the time of the one before;
+        // a declaration without a time gets the default end time ("$ENDTIME" of an untimed file).
+        s.end = timed_ ? 0 : time != lastTime_ ? time : end_;
+        if (!timed_) lastTime_ = time;
         Add(h, s);
     }
 
@@ -313,7 +316,13 @@ private:
             case 3: Property(); break;
             case 4: Declare(); break;
             case 5: if (!timed_) W(w_->SetDefaultEndTime(end_ = static_cast<int64>(rng_() % 100000))); break;
-            case 6: { const int source = static_cast<int>(rng_() % 60); if (w_->StoreSource(source) != (SourceNumber(source) != 0)) throw std::runtime_error("StoreSource"); } break;
+            case 6:  // ahead of time, a source the callback knows (an unknown one stops the writer)
+                if (timed_) {
+                    const int source = 1 + static_cast<int>(rng_() % 50);
+                    W(w_->StoreSource(source));
+                    SourceNumber(source);
+                }
+                break;
             default: break;
         }
     }
@@ -371,7 +380,7 @@ private:
         if (::testing::Test::HasFailure()) throw std::runtime_error("the follower differs");
     }
 
-    struct Bus { std::string text; int64 time; std::vector<int> taken; };
+    struct Bus { std::string text; int64 time, end; std::vector<int> taken; };
     struct PendingProperty { std::string name, value; std::set<int> handles; };
     std::mt19937_64 rng_;
     std::string path_;
@@ -542,6 +551,84 @@ TEST(RawReader, TypesIteratorsAndPropertyWalk) {
     EXPECT_EQ(r.GetSignalData(99), nullptr);
     EXPECT_EQ(r.GetProperty(99, "CS"), nullptr);
     EXPECT_EQ(r.GetTypeInfo(77), nullptr);
+}
+
+// The end time as "$ENDTIME" gave it, declaration tails with X alone, and type ids given twice.
+TEST(RawReader, EndTimesShortTailsAndRepeatedTypeIds) {
+    const std::string body = std::string(kStd) + kBody;
+    for (const char* header : {"$WAVE4\r\n", "$WAVE4TIMED\r\n"}) {
+        FileOf negative(header + body + "$ENDTIME -5\r\n$ENDWAVE\r\n");
+        ASSERT_TRUE(negative.reader) << header;
+        EXPECT_EQ(negative.reader->GetEndTime(), -5) << header;  // as given, not clamped
+        FileOf none(header + body + "$ENDWAVE\r\n");
+        ASSERT_TRUE(none.reader) << header;
+        EXPECT_EQ(none.reader->GetEndTime(), 0) << header;
+    }
+    // X alone: the parent, at position 0, with the default end time; X and Y and a time.
+    EXPECT_EQ(DumpOf("$WAVE4\r\n" + std::string(kStd) + "$ENDTIME 9\r\n$IN 3 1 p\r\n$IN 5 1 a 3\r\n$IN 6 1 b 3 1 4\r\n$ENDWAVE\r\n"),
+              "file timed=0 resolution=1000 end=9\ntype 1 e#9#std_logicc9 UX01ZWLH-\n"
+              "signal 3 nr=0 name=p type=1 parent=- pos=0 children=2 end=9\n"
+              "signal 5 nr=1 name=a type=1 parent=3 pos=0 children=0 end=9\n"
+              "signal 6 nr=2 name=b type=1 parent=3 pos=1 children=0 end=4\n");
+    EXPECT_EQ(DumpOf("$WAVE4\r\n" + std::string(kStd) + "$IN 5 1 a 3 x\r\n$ENDWAVE\r\n"), "refused");
+    // A second "I" line with an id takes the id over; the listing keeps both lines.
+    FileOf twice("$WAVE4\r\nI 2 \"i#7#integer\"\r\nI 2 \"f#4#real\"\r\n$IN 5 2 n\r\n"
+                 "$WAVES 5\r\nT 0\r\n$VALUES\r\n-0.5\r\n$END\r\n$ENDWAVE\r\n");
+    ASSERT_TRUE(twice.reader);
+    EXPECT_STREQ(twice.reader->GetTypeInfo(2), "f#4#real");
+    EXPECT_EQ(twice.reader->EndTypes() - twice.reader->BeginTypes(), 2);
+    EXPECT_NE(Dump(*twice.reader).find("events size=8: 0/0=-0.5\n"), std::string::npos) << Dump(*twice.reader);
+}
+
+// The largest single request made of the heap while the hooks are installed.
+std::size_t g_largestRequest = 0;
+void* RecordingAllocate(std::size_t size) {
+    g_largestRequest = std::max(g_largestRequest, size);
+    return std::malloc(size);
+}
+void* RecordingReallocate(void* block, std::size_t size) {
+    g_largestRequest = std::max(g_largestRequest, size);
+    return std::realloc(block, size);
+}
+void RecordingFree(void* block) { std::free(block); }
+
+// Numbers wrap in their width, so a damaged digit can turn into any value: every field that a
+// number drives must stay bounded. Each file gives null or a sound reader, and no request of the
+// heap grows with the damaged number.
+TEST(RawReader, WrappedNumbersInDamagedFilesStayBounded) {
+    const std::string head = "$WAVE4\r\n" + std::string(kStd) + "I 3 \"a#3#slv[1d0]e#9#std_logicc9 UX01ZWLH-\"\r\n";
+    const std::string signal = "$IN 1 1 a\r\n";
+    const std::string block = "$WAVES 1\r\nT 0\r\n";
+    const std::vector<std::string> damaged = {
+        head + "$BUS IN 7 3 4294967295 v\r\n$SC 8-9\r\n$ENDWAVE\r\n",            // width wraps to -1
+        head + "$BUS IN 7 3 2147483647 v\r\n$SC 0-2147483646\r\n$ENDWAVE\r\n",  // a huge width and list
+        head + "$BUS IN 7 3 6442450943 v\r\n$SC 0-4000000\r\n$ENDWAVE\r\n",     // wraps to 2^31-1
+        head + "$BUS IN 7 3 65536 v\r\n$SC 0-65535\r\n$SCBUS 7 0-65535\r\n$SCBUS 7 0-65535\r\n$ENDWAVE\r\n",
+        head + "P 0 0-4294967295 Comment x\r\n$ENDWAVE\r\n",                     // wraps to 0--1
+        head + "P 0 0-2000000000 Comment x\r\n$ENDWAVE\r\n",
+        head + signal + "$WAVES 0-99999999999\r\nT 0\r\n$VALUES\r\n1\r\n$END\r\n$ENDWAVE\r\n",
+        head + signal + block + "R 1 18446744073709551615 T 5\r\n$VALUES\r\n$END\r\n$ENDWAVE\r\n",
+        head + signal + block + "R 4294967297 9223372036854775807 T 5\r\n$VALUES\r\nR 1 9223372036854775807 1\r\n$END\r\n$ENDWAVE\r\n",
+        head + signal + block + "$VALUES\r\nV 2147483647\r\n1\r\n$SOURCES\r\nR 1 9223372036854775807 4\r\n$END\r\n$ENDWAVE\r\n",
+        head + signal + block + "=4294967296 T 5\r\n$VALUES\r\n1\r\n1\r\n$END\r\n$ENDWAVE\r\n",
+        head + signal + "$ENDSC 4294967297 12\r\nS 4294967297 4294967296\r\n$SC 1\r\n$ENDWAVE\r\n",
+        head + "$IN 1 1 184467440737095516160 0 a\r\n$IN 2 4294967297 1 1 x\r\n$ENDWAVE\r\n",
+        head + "$SEF 4294967297 f\r\n$SEL 4294967297 1 99999999999\r\n$CHILD 1 4294967297 -4294967295\r\n$ENDWAVE\r\n",
+    };
+    const Platform::HeapHooks recording{RecordingAllocate, RecordingReallocate, RecordingFree};
+    for (const std::string& bytes : damaged) {
+        g_largestRequest = 0;
+        Platform::SetHeapHooks(&recording);
+        std::string dump;
+        int faults = 0;
+        {
+            FileOf file(bytes);
+            if (file.reader) dump = Dump(*file.reader, 1000, &faults);
+        }
+        Platform::SetHeapHooks(nullptr);
+        EXPECT_EQ(faults, 0) << bytes << dump;
+        EXPECT_LT(g_largestRequest, std::size_t{64} << 20) << bytes;
+    }
 }
 
 // Every prefix of a small written file: refused until its terminator is whole, never a crash.
