@@ -66,7 +66,7 @@ bool Prepare(const Workload& w) {
         writer->StoreValue(static_cast<int>(h), reinterpret_cast<const unsigned char*>(&current[h]));
         if (i % (1 << 20) == 0) writer->Flush();
     }
-    return writer->Release() && std::rename(part.c_str(), w.path) == 0;
+    return writer->Commit() && writer->Release() && std::rename(part.c_str(), w.path) == 0;
 }
 
 void BM_RawRead(benchmark::State& state) {

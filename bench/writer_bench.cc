@@ -84,7 +84,7 @@ void BM_TarvelWrite(benchmark::State& state) {
             w->StoreValue(static_cast<int>(e.handle[i]), reinterpret_cast<const unsigned char*>(&v));
             if (i % flushEvery == flushEvery - 1) w->Flush();
         }
-        if (!w->Release()) state.SkipWithError("writing failed");
+        if (!w->Commit() || !w->Release()) state.SkipWithError("writing failed");
         size = FileSize(path);
     }
     state.SetItemsProcessed(state.iterations() * kEvents);

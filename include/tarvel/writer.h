@@ -6,7 +6,9 @@
 // and store values (StoreValue). Values stay in memory, one compressed events store per signal,
 // until Flush or Commit writes them as event blocks; Commit also ends the file with its
 // terminator, so a reader (or a crash) finds a complete file up to that point. After a Commit,
-// call Resume before writing more. The last Release commits, closes and destroys the writer.
+// call Resume before writing more. The last Release flushes and closes the file and destroys the
+// writer; it does not commit: commit before releasing, or readers refuse a file that was never
+// committed and see one that was resumed as it stood at its last commit.
 //
 // Failures. Every operation returns false when it fails. The first failure closes the output
 // file and writes its message to a log file named as the output file with ".log" appended; every
@@ -49,9 +51,10 @@ protected:
 class TARVEL_API ITarvelWrite {
 public:
     virtual bool AddRef() = 0;
-    // At count 0: commits (flushing everything stored), closes the file and destroys the writer,
-    // so a released file always ends with its terminator. Returns whether the commit and the
-    // close succeeded.
+    // At count 0: flushes everything stored and closes the file (no commit), and when both
+    // succeeded destroys the writer and returns true. Otherwise returns false and the writer
+    // stays, holding only the object itself (a writer that has failed once cannot flush again);
+    // a later Release tries once more.
     virtual bool Release() = 0;
     virtual bool Begin() = 0;
     // Writes the pending element lines of the bus declared last.
@@ -95,7 +98,9 @@ public:
     // Untimed writers: writes the file's end time.
     virtual bool SetDefaultEndTime(const int64& time) = 0;
     // Writes the source-file and source-line entries of the caller's source `source` through
-    // the callback now (values stored with it later reuse them); false when it is unknown.
+    // the callback now (values stored with it later reuse them). Source 0 (none) does nothing.
+    // A source the callback does not know (or any source, without a callback) is a failure:
+    // "StoreSource called for unknown source %d".
     virtual bool StoreSource(int source) = 0;
     virtual ~ITarvelWrite() = default;
 };

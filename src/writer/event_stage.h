@@ -50,6 +50,7 @@ public:
         std::uint32_t high;
         std::int32_t source;
     };
+    static_assert(sizeof(Narrow) == 8 && sizeof(Wide) == 8, "entries are hashed and compared as 64-bit words");
     static constexpr std::uint32_t kSourceFlag = 0x80000000u;
 
     // A slot's events after the sort, as the store's batch append and the block writers read
@@ -92,6 +93,9 @@ public:
             throw;
         }
     }
+
+    // Gives the buffers back (the log must be empty); Allocate makes them again.
+    void FreeBuffers() noexcept { Release(); }
 
     // Lowers the number of events the log takes before it drains (tests use small limits to
     // drive the stores' path; 0 turns staging off).
@@ -155,6 +159,10 @@ public:
             m_wide[at] = Wide{static_cast<std::uint32_t>(event.value >> 32), source};
         }
     }
+    // The sorted entries from `first` on; WideAt only while HasWide().
+    const Narrow* NarrowAt(std::uint32_t first) const { return m_narrow + first; }
+    const Wide* WideAt(std::uint32_t first) const { return m_wide + first; }
+    bool HasWide() const { return m_hasWide; }
     std::uint32_t RangeStart(std::uint32_t slot) const { return slot == 0 ? 0 : m_counts[slot - 1]; }
     std::uint32_t RangeEnd(std::uint32_t slot) const { return m_counts[slot]; }
 

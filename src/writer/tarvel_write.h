@@ -57,10 +57,14 @@ public:
     }
     // The entry of `handle` (>= 0), made present. May throw std::bad_alloc.
     HandleEntry& Make(int handle);
+    // Forgets every entry and gives their memory back.
+    void Clear() noexcept;
 
 private:
     Vector<HandleEntry*> m_pages;
 };
+
+struct FlushMember;
 
 class KTarvelWrite final : public ITarvelWrite, public ITypesWriter, public IErrorReport {
 public:
@@ -119,6 +123,8 @@ private:
     };
 
     bool Report(const char* format, std::va_list args);
+    // Gives back everything but the object itself (a writer whose last Release failed).
+    void GiveBackMemory() noexcept;
     bool Failed() const { return m_failed; }
     bool OutOfMemory() { return ReportError("Out of memory"); }
 
@@ -129,9 +135,17 @@ private:
     bool AttachToVirtualBus(int handle);
     bool NumberSource(int source, int* number);
     bool FlushAll();
+    // The event blocks of a flush: close the changed stores, group handles with equal events,
+    // write one block per group, empty the stores.
     bool WriteChangedStores();
+    bool CloseChangedStores(Vector<FlushMember>& members);
+    void GroupEqualEvents(Vector<FlushMember>& members) const;
+    std::uint64_t LoggedFingerprint(const FlushMember& member) const;
+    std::uint64_t EventFingerprint(const FlushMember& member) const;
+    bool SameEvents(const FlushMember& a, const FlushMember& b) const;
+    bool WriteGroups(const Vector<FlushMember>& members);
     bool WriteBlock(std::int32_t typeIndex, const KEventsStore& store, const Vector<std::int32_t>& handles);
-    bool WriteLoggedBlock(std::int32_t typeIndex, const HandleEntry& entry, std::int32_t handle,
+    bool WriteLoggedBlock(std::int32_t typeIndex, const HandleEntry& entry, const Vector<std::int32_t>& handles,
                           const EventStage::Range& range, std::size_t count);
     bool StoreValueChecked(int handle, const unsigned char* data, int source);
     void DrainStage();
@@ -140,7 +154,7 @@ private:
     void StartStaging(HandleEntry& entry);
     static bool FlushThunk(void* owner);
 
-    unsigned m_references = 1;
+    unsigned m_references = 1;        // 0 once the last Release failed and kept the writer
     String m_fileName;
     String m_logName;
     bool m_timed;

@@ -112,10 +112,10 @@ TEST(TarvelWrite, SmallDesignsMatchTheirGoldenFiles) {
             for (int s = 1; s <= 4; ++s) {
                 ASSERT_TRUE(w->StoreValueWithSource(1000, reinterpret_cast<const unsigned char*>("\3\0\0\0"), s % 3));
             }
-            ASSERT_TRUE(w->StoreSource(40));
-            ASSERT_FALSE(w->StoreSource(99) || !w->Flush());  // unknown to the callback: false, no failure
+            ASSERT_TRUE(w->StoreSource(40) && w->StoreSource(0));
         }
         EXPECT_STREQ(w->GetFileName(), path.c_str());
+        // Released without a commit: what came after the last commit stays behind its mark.
         ASSERT_TRUE(w->Release());
         ExpectGolden(timed ? "writer_timed.twf" : "writer_untimed.twf", ReadBytes(path));
         EXPECT_FALSE(std::ifstream(path + ".log").good());
@@ -163,6 +163,8 @@ TEST(TarvelWrite, EveryRefusalLogsItsMessageAloneAndLaterCallsFailQuietly) {
          }},
         {"Unknown typeindex 0 for handle 2",
          [&](ITarvelWrite& w) { return w.StoreSignal(2, 0, -1, 0, "untyped", 0) && w.StoreValue(2, one) && w.Flush(); }},
+        {"StoreSource called for unknown source 7",  // no callback: no source is known
+         [](ITarvelWrite& w) { return w.StoreSource(0) && w.StoreSource(7); }},
     };
     ScratchFolder folder;
     int n = 0;
@@ -177,7 +179,7 @@ TEST(TarvelWrite, EveryRefusalLogsItsMessageAloneAndLaterCallsFailQuietly) {
         EXPECT_FALSE(w->SetTypeInfo(500, kStdLogic));
         EXPECT_FALSE(w->Flush());
         EXPECT_FALSE(w->Commit());
-        EXPECT_FALSE(w->Release());
+        EXPECT_FALSE(ReleaseFailedWriter(w));
         EXPECT_EQ(ReadBytes(path + ".log"), refusal.message);
     }
 }
@@ -189,7 +191,7 @@ TEST(TarvelWrite, TimedWritersRefuseADefaultEndTimeAndFactoriesRefuseBadPaths) {
     ASSERT_NE(w, nullptr);
     EXPECT_FALSE(w->SetDefaultEndTime(5));
     EXPECT_EQ(ReadBytes(path + ".log"), "SetDefaultEndTime used for timed tarvel");
-    w->Release();
+    ReleaseFailedWriter(w);
     const std::string bad = folder.File("no/such/folder/x.twf");
     EXPECT_EQ(CreateStreamWrite(bad.c_str()), nullptr);
     const std::string unwritable = folder.path;  // a folder cannot be opened as a file
@@ -228,6 +230,126 @@ TEST(TarvelWrite, AttachedStoresAndRepeatedIntervalsWriteOneBlockPerInterval) {
     EXPECT_EQ(text.find("$SOURCES"), std::string::npos);
 }
 
+// Sources known to a writer's callback, one for each test below.
+struct TwoSources final : ISourceCallback {
+    bool GetSourceLocation(int source, const char** fileName, int* line) const override {
+        if (source != 1 && source != 2) return false;
+        *fileName = "a.vhd";
+        *line = source;
+        return true;
+    }
+};
+
+// The events of `handle` as "time/delta=value" items, read back with the raw reader.
+std::string EventsOf(IRawTarvelRead& r, int handle) {
+    std::string out;
+    const KEventsStore* store = r.GetSignalData(handle);
+    KEventData e;
+    for (bool ok = store && store->GetFirstEvent(&e); ok; ok = store->GetNextEvent(&e)) {
+        unsigned char value[8] = {};
+        e.GetValue(value, 8);
+        out += " " + std::to_string(e.GetTime()) + "/" + std::to_string(e.GetDelta()) + "=" + std::to_string(value[0]);
+        if (e.GetSource() != 0) out += "@" + std::to_string(e.GetSource());
+    }
+    return out;
+}
+
+std::size_t Count(const std::string& text, const std::string& what) {
+    std::size_t n = 0;
+    for (std::size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += what.size()) ++n;
+    return n;
+}
+
+TEST(TarvelWrite, ReleaseFlushesAndClosesWithoutCommitting) {
+    ScratchFolder folder;
+    auto writer = [&](const std::string& path) {
+        ITarvelWrite* w = CreateStreamWrite(path.c_str());
+        EXPECT_TRUE(w && w->SetTypeInfo(1, kStdLogic) && w->StoreSignal(1, 1, -1, 0, "a", 0) && w->SetTime(5) && Put(*w, 1, 3));
+        return w;
+    };
+    // Never committed: the events are flushed, but there is no terminator and readers refuse it.
+    const std::string never = folder.File("never.twf");
+    ASSERT_TRUE(writer(never)->Release());
+    const std::string bytes = ReadBytes(never);
+    EXPECT_EQ(bytes.rfind("$WAVE4\r\n", 0), 0u);
+    EXPECT_NE(bytes.find("$WAVES 1\r\n"), std::string::npos) << bytes;
+    EXPECT_EQ(bytes.find("$ENDWAVE"), std::string::npos) << bytes;
+    EXPECT_EQ(CreateRawTarvelRead(never.c_str()), nullptr);
+    // Committed, resumed and written on: read as it was at its commit.
+    const std::string resumed = folder.File("resumed.twf");
+    ITarvelWrite* w = writer(resumed);
+    ASSERT_TRUE(w->Commit() && w->Resume() && w->SetTime(10) && Put(*w, 1, 2) && w->Release());
+    EXPECT_NE(ReadBytes(resumed).find("\r\n:"), std::string::npos);
+    IRawTarvelRead* r = CreateRawTarvelRead(resumed.c_str());
+    ASSERT_NE(r, nullptr);
+    EXPECT_EQ(EventsOf(*r, 1), " 5/0=3");
+    DeleteRawTarvelRead(r);
+    // A writer that failed cannot flush: its last Release answers false and keeps it, and so does
+    // a second one.
+    w = writer(folder.File("failed.twf"));
+    ASSERT_FALSE(w->SetTime(4));
+    EXPECT_FALSE(w->Release());
+    EXPECT_FALSE(w->AddRef() && w->Release());
+    DestroyObject(static_cast<KTarvelWrite*>(w));
+}
+
+TEST(TarvelWrite, ASignalDeclaredWithoutATypeReadsBackWithNone) {
+    ScratchFolder folder;
+    const std::string path = folder.File("untyped.twf");
+    ITarvelWrite* w = CreateStreamWrite(path.c_str());
+    ASSERT_TRUE(w && w->StoreSignal(4, 1, -1, 0, "plain", 0) && w->Commit() && w->Release());
+    IRawTarvelRead* r = CreateRawTarvelRead(path.c_str());
+    ASSERT_NE(r, nullptr);
+    EXPECT_EQ(r->GetTypeId(4), -1);
+    EXPECT_EQ(r->GetTypeInfo(r->GetTypeId(4)), nullptr);
+    DeleteRawTarvelRead(r);
+}
+
+// Handles with equal events since the last flush, and equal types, are written as one block that
+// lists them all, whichever path their events took (straight from the staging log, through
+// their stores when the log drained or a source was given, or an attached store).
+TEST(TarvelWrite, HandlesWithEqualEventsShareOneBlock) {
+    ScratchFolder folder;
+    for (const std::uint32_t stageLimit : {0u, 5u, EventStage::kCapacity}) {
+        SCOPED_TRACE("stage limit " + std::to_string(stageLimit));
+        const std::string path = folder.File("equal" + std::to_string(stageLimit) + ".twf");
+        TwoSources sources;
+        ITarvelWrite* w = CreateStreamWriteTimed(path.c_str(), &sources);
+        ASSERT_NE(w, nullptr);
+        static_cast<KTarvelWrite*>(w)->SetStageLimit(stageLimit);
+        for (int h = 1; h <= 9; ++h) ASSERT_TRUE(w->SetTypeInfo(h, h == 4 ? "e#4#fourc4 01XZ" : kStdLogic) && w->StoreSignal(h, 1, -1, 0, "s", 0));
+        KEventsStore attached;
+        attached.SetSize(4);
+        for (int t = 0; t < 8; ++t) {
+            ASSERT_TRUE(w->SetTime(t * 10));
+            const std::uint64_t v = 2 + (t * 7 % 3 == 0);
+            for (int h : {3, 1, 2, 4}) ASSERT_TRUE(Put(*w, h, v));  // 4: the same numbers, another type
+            ASSERT_TRUE(Put(*w, 5, t == 7 ? 8 : v));                // one value differs
+            for (int h : {6, 7}) ASSERT_TRUE(w->StoreValueWithSource(h, reinterpret_cast<const unsigned char*>("\3\0\0\0"), 1 + t % 2));
+            const unsigned char bytes[4] = {static_cast<unsigned char>(v), 0, 0, 0};
+            attached.push_back(t * 10, 0, bytes);
+        }
+        attached.push_end(70, 0);
+        ASSERT_TRUE(w->SetEventsStore(9, attached));
+        ASSERT_TRUE(w->Flush());
+        const std::string first = ReadBytes(path);
+        // {1, 2, 3, 9}, {4}, {5}, {6, 7}.
+        EXPECT_EQ(Count(first, "$WAVES"), 4u) << first;
+        EXPECT_EQ(Count(first, "$SOURCES"), 1u) << first;
+        // The second interval: 1 and 5 are equal now, though they were not before.
+        ASSERT_TRUE(w->SetTime(100) && Put(*w, 1, 3) && Put(*w, 5, 3) && Put(*w, 2, 2) && w->Commit() && w->Release());
+        EXPECT_EQ(Count(ReadBytes(path).substr(first.size()), "$WAVES"), 2u) << ReadBytes(path);
+        IRawTarvelRead* r = CreateRawTarvelRead(path.c_str());
+        ASSERT_NE(r, nullptr);
+        const std::string ones = " 0/0=3 10/0=2 20/0=2 30/0=3 40/0=2 50/0=2 60/0=3 70/0=2";
+        for (int h : {1, 5}) EXPECT_EQ(EventsOf(*r, h), (h == 5 ? ones.substr(0, ones.size() - 1) + "8" : ones) + " 100/0=3") << h;
+        for (int h : {3, 4, 9}) EXPECT_EQ(EventsOf(*r, h), ones) << h;
+        EXPECT_EQ(EventsOf(*r, 2), ones + " 100/0=2");
+        for (int h : {6, 7}) EXPECT_EQ(EventsOf(*r, h), " 0/0=3@1 10/0=3@2 20/0=3@1 30/0=3@2 40/0=3@1 50/0=3@2 60/0=3@1 70/0=3@2") << h;
+        DeleteRawTarvelRead(r);
+    }
+}
+
 // A heap that refuses every request: the writer's next allocation runs out of memory.
 void* NoAllocate(std::size_t) { return nullptr; }
 void* NoReallocate(void*, std::size_t) { return nullptr; }
@@ -247,7 +369,7 @@ TEST(TarvelWrite, ExhaustedMemoryIsTheFirstFailureOutOfMemory) {
     PrepareOutOfMemoryBuffer();
     EXPECT_FALSE(stored);
     EXPECT_EQ(ReadBytes(path + ".log"), "Out of memory");
-    EXPECT_FALSE(w->Release());
+    EXPECT_FALSE(ReleaseFailedWriter(w));
 }
 
 // The crash test at the level of the writer object: a child stores values and commits in a
