@@ -15,7 +15,6 @@ namespace {
 // positions and counts fit the 32-bit values of the interface.
 constexpr std::int64_t kMaxCount = std::numeric_limits<std::int32_t>::max();
 constexpr std::int64_t kMaxInt64 = std::numeric_limits<std::int64_t>::max();
-constexpr std::string_view kStdLogicCharacters = "UX01ZWLH-";
 
 bool MultiplyChecked(std::int64_t a, std::int64_t b, std::int64_t& product) {
     return !__builtin_mul_overflow(a, b, &product);
@@ -172,7 +171,7 @@ private:
 
     static bool IsStdLogicCompatible(const std::vector<KLiteral>& literals) {
         for (const KLiteral& literal : literals) {
-            if (!literal.isCharacter || kStdLogicCharacters.find(literal.text[0]) == std::string_view::npos) {
+            if (!literal.isCharacter || std::string_view(kStdLogicCharacters).find(literal.text[0]) == std::string_view::npos) {
                 return false;
             }
         }

@@ -33,6 +33,9 @@
 
 namespace Sorvat {
 
+// The characters of the nine std_logic values, codes 0 to 8 in this order.
+inline constexpr char kStdLogicCharacters[] = "UX01ZWLH-";
+
 // The kind numbers that GetKind answers, one per kind letter of the string.
 enum KTypeKind : int {
     kKindUnknown = 0,      // 'u' opaque / unknown, and every invalid object

@@ -7,9 +7,14 @@
 #include <cstring>
 #include <new>
 
+#include "format/index_lists.h"
+#include "format/names.h"
+#include "format/numbers.h"
+#include "format/strings.h"
+#include "format/type_strings.h"
 #include "rawreader/sourcer_access.h"
 #include "store/store_access.h"
-#include "writer/file_format.h"
+#include "format/vocabulary.h"
 
 namespace Tarvel {
 namespace {
@@ -97,7 +102,7 @@ bool KRawTarvelRead::ParseKeyword(int& c, bool* stop) {
     if (Is(m_word, Format::kElementList)) return ParseElementList(c, m_currentBus);
     if (Is(m_word, Format::kElementListOfBus)) {
         std::int32_t bus = 0;
-        return m_lexer.ReadRelative(c, bus) && ParseElementList(c, bus);
+        return Format::ReadRelative(m_lexer, c, bus) && ParseElementList(c, bus);
     }
     if (Is(m_word, Format::kElementEnd)) return ParseElementEnd(c);
     if (Is(m_word, Format::kChild)) return ParseChild(c);
@@ -105,7 +110,7 @@ bool KRawTarvelRead::ParseKeyword(int& c, bool* stop) {
     if (Is(m_word, Format::kSourceLine)) return ParseSourceLine(c);
     if (Is(m_word, Format::kEndTime)) {
         int64 time = 0;
-        if (!m_lexer.ReadWide(c, time) || !m_lexer.EndOfLine(c)) return false;
+        if (!Format::ReadWide(m_lexer, c, time) || !m_lexer.EndOfLine(c)) return false;
         m_endTime = time;
         m_hasEndTime = true;
         if (!m_timed) m_defaultEndTime = time;
@@ -113,7 +118,7 @@ bool KRawTarvelRead::ParseKeyword(int& c, bool* stop) {
     }
     if (Is(m_word, Format::kResolution)) {
         int64 resolution = 0;
-        if (!m_lexer.ReadWide(c, resolution) || resolution <= 0 || !m_lexer.EndOfLine(c)) return false;
+        if (!Format::ReadWide(m_lexer, c, resolution) || resolution <= 0 || !m_lexer.EndOfLine(c)) return false;
         m_resolution = resolution;
         return true;
     }
@@ -148,10 +153,10 @@ SignalEntry& KRawTarvelRead::Declare(std::int32_t handle) {
 // form with its tail (see docs/format.md).
 bool KRawTarvelRead::ParseDeclaration(int& c, int mode, bool bus) {
     std::int32_t handle = 0, typeId = -1, width = 0;
-    if (!m_lexer.ReadRelative(c, handle)) return false;
-    if (m_version == 4 && !m_lexer.ReadInteger(c, typeId)) return false;
-    if (bus && !m_lexer.ReadInteger(c, width)) return false;
-    if (!m_lexer.SkipBlanks(c) || !ReadName(m_lexer, c, m_previousName, m_scratch)) return false;
+    if (!Format::ReadRelative(m_lexer, c, handle)) return false;
+    if (m_version == 4 && !Format::ReadInteger(m_lexer, c, typeId)) return false;
+    if (bus && !Format::ReadInteger(m_lexer, c, width)) return false;
+    if (!m_lexer.SkipBlanks(c) || !Format::ReadName(m_lexer, c, m_previousName, m_scratch)) return false;
     SignalEntry& entry = Declare(handle);
     entry.mode = mode;
     entry.isBus = bus;
@@ -160,7 +165,7 @@ bool KRawTarvelRead::ParseDeclaration(int& c, int mode, bool bus) {
     entry.name = m_previousName;
     if (bus) m_currentBus = handle;
     std::int32_t x = -1;
-    const bool hasX = m_lexer.SkipBlanks(c) && m_lexer.ReadInteger(c, x);
+    const bool hasX = m_lexer.SkipBlanks(c) && Format::ReadInteger(m_lexer, c, x);
     if (m_version != 4) return ParseVersion2Tail(c, entry, hasX, x);
     // Type index 0 is the writer's "declared without a type", unless a type line gave it.
     const TypeHandle* type = TypeOf(typeId);
@@ -170,9 +175,9 @@ bool KRawTarvelRead::ParseDeclaration(int& c, int mode, bool bus) {
     // time is the default end time.
     std::int32_t y = 0;
     const bool hasY = hasX && NumberFollows(c);
-    if (hasY && !m_lexer.ReadInteger(c, y)) return false;
+    if (hasY && !Format::ReadInteger(m_lexer, c, y)) return false;
     entry.endTime = m_defaultEndTime;
-    if (hasY && NumberFollows(c) && !m_lexer.ReadWide(c, entry.endTime)) return false;
+    if (hasY && NumberFollows(c) && !Format::ReadWide(m_lexer, c, entry.endTime)) return false;
     if (!m_lexer.EndOfLine(c)) return false;
     if (hasX) Attach(x, handle, y);
     return true;
@@ -192,14 +197,14 @@ bool KRawTarvelRead::ParseVersion2Tail(int& c, SignalEntry& entry, bool hasX, st
         entry.typeId = x;
         if (const TypeHandle* type = TypeOf(x)) entry.type = *type;
         const bool hasY = NumberFollows(c);
-        if (hasY && !m_lexer.ReadInteger(c, parent)) return false;
+        if (hasY && !Format::ReadInteger(m_lexer, c, parent)) return false;
         if (hasY && m_lexer.SkipBlanks(c) && !KLexer::IsDigit(c) && c != '-') {
             if (entry.mode != Format::kModeNone && entry.mode != Format::kModeSignal) return false;
             if (!m_lexer.ReadWord(c, m_word)) return false;
             int mode = 0;
             entry.mode = Format::ModeFromWord(m_word, false, &mode) ? mode : 0;
         }
-        if (m_lexer.SkipBlanks(c) && !m_lexer.ReadWide(c, entry.endTime)) return false;
+        if (m_lexer.SkipBlanks(c) && !Format::ReadWide(m_lexer, c, entry.endTime)) return false;
     }
     if (!m_lexer.EndOfLine(c)) return false;
     if (parent >= 0) Attach(parent, entry.number, 0);
@@ -219,8 +224,7 @@ void KRawTarvelRead::Attach(std::int32_t parent, std::int32_t child, std::int32_
 
 bool KRawTarvelRead::ParseTypeLine(int& c) {
     std::int32_t id = 0;
-    if (!m_lexer.ReadInteger(c, id) || !m_lexer.ReadString(c, m_text) || !m_lexer.EndOfLine(c)) return false;
-    if (!TypeHandle::IsWellFormed(m_text.c_str())) return false;
+    if (!Format::ReadInteger(m_lexer, c, id) || !Format::ReadTypeString(m_lexer, c, m_text) || !m_lexer.EndOfLine(c)) return false;
     // A repeated id takes the later text; both stay in the type listing.
     m_types.push_back(TypeEntry{id, TypeHandle(m_text.c_str()), m_text});
     try {
@@ -237,13 +241,13 @@ bool KRawTarvelRead::ParseTypeLine(int& c) {
 bool KRawTarvelRead::ParseProperty(int& c) {
     PropertyRecord record;
     if (m_version == 4) {
-        if (!m_lexer.ReadWide(c, record.time) || !m_lexer.ReadIndexList(c, record.signals)) return false;
+        if (!Format::ReadWide(m_lexer, c, record.time) || !Format::ReadIndexList(m_lexer, c, record.signals)) return false;
     } else {
         std::int32_t handle = 0;
-        if (!m_lexer.ReadRelative(c, handle) || !m_lexer.ReadWide(c, record.time)) return false;
+        if (!Format::ReadRelative(m_lexer, c, handle) || !Format::ReadWide(m_lexer, c, record.time)) return false;
         record.signals.push_back(handle);
     }
-    if (!m_lexer.ReadString(c, record.name) || !m_lexer.ReadString(c, record.value) || !m_lexer.EndOfLine(c)) return false;
+    if (!Format::ReadString(m_lexer, c, record.name) || !Format::ReadString(m_lexer, c, record.value) || !m_lexer.EndOfLine(c)) return false;
     m_properties.push_back(std::move(record));
     for (std::int32_t handle : m_properties.back().signals) m_propertiesOf[handle].push_back(m_properties.size() - 1);
     return true;
@@ -252,7 +256,7 @@ bool KRawTarvelRead::ParseProperty(int& c) {
 // "S handle position": the element's position, used when its element list comes.
 bool KRawTarvelRead::ParseElement(int& c) {
     std::int32_t handle = 0, position = 0;
-    if (!m_lexer.ReadRelative(c, handle) || !m_lexer.ReadInteger(c, position) || !m_lexer.EndOfLine(c)) return false;
+    if (!Format::ReadRelative(m_lexer, c, handle) || !Format::ReadInteger(m_lexer, c, position) || !m_lexer.EndOfLine(c)) return false;
     m_elementPositions[handle] = position;
     return true;
 }
@@ -269,7 +273,7 @@ bool KRawTarvelRead::ParseElementList(int& c, std::int32_t busHandle) {
     // with its size.
     const std::size_t width = static_cast<std::size_t>(target->width < 0 ? 0 : target->width);
     const std::size_t allowance = kFreeElements + static_cast<std::size_t>(m_lexer.Position()) - m_elementsListed;
-    if (!m_lexer.ReadIndexList(c, m_list, std::min(width, allowance)) || !m_lexer.EndOfLine(c)) return false;
+    if (!Format::ReadIndexList(m_lexer, c, m_list, std::min(width, allowance)) || !m_lexer.EndOfLine(c)) return false;
     m_elementsListed += m_list.size();
     for (std::size_t i = 0; i < m_list.size(); ++i) {
         const std::int32_t handle = m_list[i];
@@ -293,7 +297,7 @@ bool KRawTarvelRead::ParseElementList(int& c, std::int32_t busHandle) {
 bool KRawTarvelRead::ParseElementEnd(int& c) {
     std::int32_t handle = 0;
     int64 time = 0;
-    if (!m_lexer.ReadInteger(c, handle) || !m_lexer.ReadWide(c, time) || !m_lexer.EndOfLineOrFile(c)) return false;
+    if (!Format::ReadInteger(m_lexer, c, handle) || !Format::ReadWide(m_lexer, c, time) || !m_lexer.EndOfLineOrFile(c)) return false;
     SignalEntry* entry = Find(handle);
     if (!entry) return false;
     entry->endTime = time;
@@ -302,21 +306,21 @@ bool KRawTarvelRead::ParseElementEnd(int& c) {
 
 // "$CHILD bus member position": the member joins the virtual bus.
 bool KRawTarvelRead::ParseChild(int& c) {
-    if (!m_lexer.ReadIndexList(c, m_list, 3) || !m_lexer.EndOfLine(c)) return false;
+    if (!Format::ReadIndexList(m_lexer, c, m_list, 3) || !m_lexer.EndOfLine(c)) return false;
     if (m_list.size() >= 2) Attach(m_list[0], m_list[1], m_list.size() > 2 ? m_list[2] : 0);
     return true;
 }
 
 bool KRawTarvelRead::ParseSourceFile(int& c) {
     std::int32_t index = 0;
-    if (!m_lexer.ReadInteger(c, index) || !m_lexer.ReadString(c, m_text) || !m_lexer.EndOfLine(c)) return false;
+    if (!Format::ReadInteger(m_lexer, c, index) || !Format::ReadString(m_lexer, c, m_text) || !m_lexer.EndOfLine(c)) return false;
     KSourcerAccess::EnterFile(m_sourcer, index, m_text);
     return true;
 }
 
 bool KRawTarvelRead::ParseSourceLine(int& c) {
     std::int32_t point = 0, file = 0, line = 0;
-    if (!m_lexer.ReadInteger(c, point) || !m_lexer.ReadInteger(c, file) || !m_lexer.ReadInteger(c, line) ||
+    if (!Format::ReadInteger(m_lexer, c, point) || !Format::ReadInteger(m_lexer, c, file) || !Format::ReadInteger(m_lexer, c, line) ||
         !m_lexer.EndOfLine(c)) {
         return false;
     }
@@ -342,7 +346,7 @@ bool KRawTarvelRead::ParseOldLayout() {
             c = m_lexer.Next();
             int64 resolution = 0;
             if (!m_lexer.ReadWord(c, m_word) || !Is(m_word, Format::kResolution)) return false;
-            if (!m_lexer.ReadWide(c, resolution) || resolution <= 0 || !m_lexer.EndOfLine(c)) return false;
+            if (!Format::ReadWide(m_lexer, c, resolution) || resolution <= 0 || !m_lexer.EndOfLine(c)) return false;
             m_resolution = resolution;
             continue;
         }
@@ -355,7 +359,7 @@ bool KRawTarvelRead::ParseOldLayout() {
             continue;
         }
         std::int32_t handle = 0;
-        if (!Is(m_word, Format::kOldEvents) || !m_lexer.ReadInteger(c, handle) || !m_lexer.EndOfLine(c) ||
+        if (!Is(m_word, Format::kOldEvents) || !Format::ReadInteger(m_lexer, c, handle) || !m_lexer.EndOfLine(c) ||
             !ParseOldEvents(c, handle)) {
             return false;
         }
@@ -376,10 +380,10 @@ bool KRawTarvelRead::ParseOldEvents(int& c, std::int32_t handle) {
         if (!KLexer::IsDigit(c) && c != '-') break;
         int64 time = 0;
         std::int32_t delta = 0;
-        if (!m_lexer.ReadWide(c, time) || time < entry->lastTime || !m_lexer.SkipBlanks(c)) return false;
+        if (!Format::ReadWide(m_lexer, c, time) || time < entry->lastTime || !m_lexer.SkipBlanks(c)) return false;
         if (c == 'D') {
             c = m_lexer.Next();
-            if (!m_lexer.ReadInteger(c, delta) || !m_lexer.SkipBlanks(c)) return false;
+            if (!Format::ReadInteger(m_lexer, c, delta) || !m_lexer.SkipBlanks(c)) return false;
         }
         if (!ParseValue(c, *entry, bytes) || !m_lexer.EndOfLine(c)) return false;
         store.push_back(time, delta, bytes);

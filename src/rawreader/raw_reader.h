@@ -6,10 +6,11 @@
 #define TARVEL_RAWREADER_RAW_READER_H
 
 #include <cstdint>
+#include <string_view>
 #include <utility>
 
+#include "format/lexer.h"
 #include "foundation/memory.h"
-#include "rawreader/lexer.h"
 #include "store/time_delta_code.h"
 #include "tarvel/raw_reader.h"
 #include "typeinfo/type_service.h"
@@ -134,7 +135,7 @@ private:
     bool ParseValuePart(int& c, KEventsStore& store, const SignalEntry& typed);
     bool ParseValue(int& c, const SignalEntry& typed, unsigned char* bytes);
     bool ParseSourcePart(int& c, KEventsStore& store, std::uint32_t eventsBefore);
-    bool ExpectKeyword(int& c, const char* word);
+    bool ExpectKeyword(int& c, std::string_view word);
     void SizeStore(SignalEntry& entry);
 
     // Lookups.

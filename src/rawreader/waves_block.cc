@@ -4,13 +4,20 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "format/index_lists.h"
+#include "format/numbers.h"
+#include "format/records.h"
+#include "format/value_text.h"
+#include "format/vocabulary.h"
+#include "foundation/little_endian.h"
 #include "foundation/platform.h"
 #include "rawreader/raw_reader.h"
-#include "store/little_endian.h"
 #include "store/store_access.h"
-#include "writer/file_format.h"
 
 namespace Tarvel {
+
+// A run record's pattern fills one of the reader's pattern arrays.
+static_assert(Format::kMaxRunLength == static_cast<int>(kMaxPatternLength), "run patterns and cursor patterns differ");
 
 namespace {
 
@@ -20,11 +27,6 @@ int64 WrapAdd(int64 a, int64 b) { return static_cast<int64>(static_cast<std::uin
 // allocate without end.
 constexpr std::int32_t kMaxPointSlots = 1 << 20;
 constexpr std::uint64_t kMaxEvents = 0x7FFFFFFF;
-
-bool HasValueText(int kind) {
-    return kind == kTypeEnumeration || kind == kTypeInteger || kind == kTypeFloat || kind == kTypePhysical ||
-           kind == kTypeLongInteger;
-}
 
 std::int64_t SourceEntries(const KEventsStore& store) {
     const KEventsStoreBody* body = StoreAccess::Body(store);
@@ -103,10 +105,10 @@ private:
 
 void KRawTarvelRead::SizeStore(SignalEntry& entry) {
     if (entry.store.GetSize() != 0 || !entry.store.empty()) return;
-    if (HasValueText(entry.type.Kind())) entry.store.SetSize(static_cast<int>(entry.type.ValueSize()));
+    if (Format::HasValueText(entry.type)) entry.store.SetSize(static_cast<int>(entry.type.ValueSize()));
 }
 
-bool KRawTarvelRead::ExpectKeyword(int& c, const char* word) {
+bool KRawTarvelRead::ExpectKeyword(int& c, std::string_view word) {
     c = m_lexer.Next();
     return m_lexer.ReadWord(c, m_word) && m_word == word && m_lexer.EndOfLine(c);
 }
@@ -115,7 +117,7 @@ bool KRawTarvelRead::ExpectKeyword(int& c, const char* word) {
 // share the block's store; others get the block appended to what they have.
 bool KRawTarvelRead::ParseWaves(int& c) {
     // Every listed signal must be declared: a list longer than the signals is damage.
-    if (!m_lexer.ReadIndexList(c, m_list, m_signals.size()) || !m_lexer.EndOfLine(c) || m_list.empty()) return false;
+    if (!Format::ReadIndexList(m_lexer, c, m_list, m_signals.size()) || !m_lexer.EndOfLine(c) || m_list.empty()) return false;
     // Entry indexes, not pointers: the entries stay where they are while a block is read.
     Vector<std::size_t>& entries = m_blockEntries;
     entries.clear();
@@ -257,12 +259,11 @@ bool KRawTarvelRead::ParseTimePart(int& c, KBlockSteps& steps) {
             }
             case Format::kRunLead: {
                 c = m_lexer.Next();
-                std::int32_t length = 0;
+                int length = 0;
                 int64 count = 0;
-                if (!m_lexer.ReadInteger(c, length) || length < 1 || length > static_cast<int>(kMaxPatternLength)) return false;
-                if (!m_lexer.ReadWide(c, count) || count < 0) return false;
+                if (!Format::ReadRunHeader(m_lexer, c, length, count)) return false;
                 TimeDelta pattern[kMaxPatternLength];
-                for (std::int32_t i = 0; i < length; ++i) {
+                for (int i = 0; i < length; ++i) {
                     if (!m_lexer.SkipBlanks(c) || !ParsePoint(c, &pattern[i])) return false;
                 }
                 if (!m_lexer.EndOfLine(c)) return false;
@@ -272,7 +273,7 @@ bool KRawTarvelRead::ParseTimePart(int& c, KBlockSteps& steps) {
             case Format::kCommentLead:
                 if (!SkipLine(c)) return false;
                 break;
-            case Format::kKeywordLead: return ExpectKeyword(c, "VALUES");
+            case Format::kKeywordLead: return ExpectKeyword(c, Format::kValues);
             default: return false;
         }
     }
@@ -307,8 +308,8 @@ bool KRawTarvelRead::ParsePoint(int& c, TimeDelta* point) {
     c = m_lexer.Next();
     int64 step = 0;
     std::int32_t delta = 0;
-    if (!m_lexer.ReadWide(c, step)) return false;
-    if (withDelta && !m_lexer.ReadInteger(c, delta)) return false;
+    if (!Format::ReadWide(m_lexer, c, step)) return false;
+    if (withDelta && !Format::ReadInteger(m_lexer, c, delta)) return false;
     *point = TimeDelta{step, static_cast<std::uint32_t>(delta) & 0xFFFF};
     return true;
 }
@@ -333,16 +334,15 @@ bool KRawTarvelRead::ParseValuePart(int& c, KEventsStore& store, const SignalEnt
             if (c == ' ' || c == '\t') {
                 if (lead == Format::kCountLead) {
                     std::int32_t count = 0;
-                    if (!m_lexer.ReadInteger(c, count) || !m_lexer.EndOfLine(c)) return false;
+                    if (!Format::ReadCountRecord(m_lexer, c, count)) return false;
                     values.pushCount(count);
                     continue;
                 }
-                std::int32_t length = 0;
+                int length = 0;
                 int64 count = 0;
-                if (!m_lexer.ReadInteger(c, length) || length < 1 || length > static_cast<int>(kMaxPatternLength)) return false;
-                if (!m_lexer.ReadWide(c, count) || count < 0) return false;
+                if (!Format::ReadRunHeader(m_lexer, c, length, count)) return false;
                 const unsigned char* pointers[kMaxPatternLength];
-                for (std::int32_t i = 0; i < length; ++i) {
+                for (int i = 0; i < length; ++i) {
                     if (!m_lexer.SkipBlanks(c) || !ParseValue(c, typed, bytes[i])) return false;
                     pointers[i] = bytes[i];
                 }
@@ -366,41 +366,8 @@ bool KRawTarvelRead::ParseValuePart(int& c, KEventsStore& store, const SignalEnt
 
 // The value text at `c`, by the signal's type, into `bytes` (4 or 8 bytes, little-endian).
 bool KRawTarvelRead::ParseValue(int& c, const SignalEntry& typed, unsigned char* bytes) {
-    if (typed.typeId == m_stdLogic && m_stdLogic >= 0) {
-        const int code = c == Format::kStdLogicInvalid ? 9 : Format::StdLogicCode(static_cast<char>(c));
-        if (code < 0 || c == KLexer::kEnd) return false;
-        LittleEndian::Store<std::uint32_t>(bytes, static_cast<std::uint32_t>(code));
-        c = m_lexer.Next();
-        return true;
-    }
-    switch (typed.type.Kind()) {
-        case kTypeInteger: {
-            std::int32_t value = 0;
-            if (!m_lexer.ReadInteger(c, value)) return false;
-            LittleEndian::Store<std::uint32_t>(bytes, static_cast<std::uint32_t>(value));
-            return true;
-        }
-        case kTypePhysical:
-        case kTypeLongInteger: {
-            int64 value = 0;
-            if (!m_lexer.ReadWide(c, value)) return false;
-            LittleEndian::Store<std::uint64_t>(bytes, static_cast<std::uint64_t>(value));
-            return true;
-        }
-        case kTypeFloat: {
-            if (!m_lexer.ReadString(c, m_text)) return false;
-            char* end = nullptr;
-            const double value = std::strtod(m_text.c_str(), &end);
-            if (end == m_text.c_str() || *end != '\0') return false;
-            std::uint64_t raw;
-            std::memcpy(&raw, &value, sizeof raw);
-            LittleEndian::Store<std::uint64_t>(bytes, raw);
-            return true;
-        }
-        case kTypeEnumeration:
-            return m_lexer.ReadString(c, m_text) && typed.type.TextToValue(m_text.c_str(), bytes, 8);
-        default: return false;
-    }
+    if (typed.typeId == m_stdLogic && m_stdLogic >= 0) return Format::ReadStdLogicText(m_lexer, c, bytes);
+    return Format::ReadValueText(m_lexer, c, typed.type, bytes, m_text);
 }
 
 bool KRawTarvelRead::ParseSourcePart(int& c, KEventsStore& store, std::uint32_t eventsBefore) {
@@ -418,26 +385,26 @@ bool KRawTarvelRead::ParseSourcePart(int& c, KEventsStore& store, std::uint32_t 
             if (!SkipLine(c)) return false;
             continue;
         }
-        if (c == Format::kCountLead || c == Format::kRunLead) {
-            const bool run = c == Format::kRunLead;
+        if (c == Format::kCountLead) {
             c = m_lexer.Next();
-            std::int32_t first = 0;
-            if (!m_lexer.ReadInteger(c, first)) return false;
-            if (!run) {
-                if (!m_lexer.EndOfLine(c)) return false;
-                continue;
-            }
+            std::int32_t count = 0;  // a hint only
+            if (!Format::ReadCountRecord(m_lexer, c, count)) return false;
+            continue;
+        }
+        if (c == Format::kRunLead) {
+            c = m_lexer.Next();
+            int length = 0;
             int64 count = 0;
-            int pattern[kMaxPatternLength];
-            if (first < 1 || first > static_cast<int>(kMaxPatternLength) || !m_lexer.ReadWide(c, count)) return false;
-            for (std::int32_t i = 0; i < first; ++i) {
-                if (!m_lexer.ReadInteger(c, pattern[i])) return false;
+            int pattern[Format::kMaxRunLength];
+            if (!Format::ReadRunHeader(m_lexer, c, length, count)) return false;
+            for (int i = 0; i < length; ++i) {
+                if (!Format::ReadInteger(m_lexer, c, pattern[i])) return false;
             }
-            if (!m_lexer.EndOfLine(c) || !sources.pushRepeatedSource(first, count, pattern)) return false;
+            if (!m_lexer.EndOfLine(c) || !sources.pushRepeatedSource(length, count, pattern)) return false;
             continue;
         }
         std::int32_t source = 0;
-        if (!m_lexer.ReadInteger(c, source) || !m_lexer.EndOfLine(c)) return false;
+        if (!Format::ReadInteger(m_lexer, c, source) || !m_lexer.EndOfLine(c)) return false;
         sources.pushSource(source);
     }
 }

@@ -8,7 +8,7 @@
 #include <cstdint>
 
 #include "store/events_store_body.h"
-#include "store/little_endian.h"
+#include "foundation/little_endian.h"
 #include "store/store_access.h"
 
 namespace Tarvel {

@@ -16,7 +16,7 @@
 
 #include "foundation/memory.h"
 #include "store/chunk_buffer.h"
-#include "store/little_endian.h"
+#include "foundation/little_endian.h"
 #include "store/run_finder.h"
 
 namespace Tarvel {

@@ -11,7 +11,7 @@
 #include <array>
 #include <cstdint>
 
-#include "store/little_endian.h"
+#include "foundation/little_endian.h"
 
 #include "tarvel/config.h"
 

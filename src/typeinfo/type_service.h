@@ -27,10 +27,9 @@ enum TypeKind : int {
     kTypeLongInteger = Sorvat::kKindLongInteger,
 };
 
-// The two spellings of the std_logic type, and its nine value characters (codes 0 to 8).
+// The two spellings of the std_logic type (its value characters are Sorvat::kStdLogicCharacters).
 inline constexpr char kStdLogicTypeString[] = "e#9#std_logicc9 UX01ZWLH-";
 inline constexpr char kStdLogicSubtypeString[] = "c#9#std_logicc9 UX01ZWLH-";
-inline constexpr char kStdLogicValueCharacters[] = "UX01ZWLH-";
 
 // Returns true iff `text` (null allowed) is exactly one of the two std_logic spellings.
 bool IsStdLogicTypeString(const char* text);

@@ -3,83 +3,17 @@
 #include "writer/line_writer.h"
 
 #include <charconv>
-#include <cstdlib>
 #include <cstring>
-#include <limits>
 
-#include "writer/file_format.h"
+#include "format/index_lists.h"
+#include "format/names.h"
+#include "format/numbers.h"
+#include "format/records.h"
+#include "format/strings.h"
+#include "format/type_strings.h"
+#include "format/vocabulary.h"
 
 namespace Tarvel {
-namespace {
-
-// Room for any 64-bit number, a sign and a suffix.
-constexpr std::size_t kNumberRoom = 24;
-
-struct Formatted {
-    char text[kNumberRoom];
-    std::size_t length;
-    std::string_view View() const { return {text, length}; }
-};
-
-template <class Integer>
-Formatted FormatNumber(Integer value) {
-    Formatted out;
-    const char* end = std::to_chars(out.text, out.text + kNumberRoom, value).ptr;
-    out.length = static_cast<std::size_t>(end - out.text);
-    return out;
-}
-
-// The event-time form written at `out`: "0", the quotient by 1000 followed by 'k', or the
-// number in full. Returns the end of the text (at most 21 bytes; `limit` leaves room for them).
-char* PutEventTimeText(std::int64_t time, char* out, char* limit) {
-    if (time == 0 || time % Format::kThousand != 0) return std::to_chars(out, limit, time).ptr;
-    char* end = std::to_chars(out, limit - 1, time / Format::kThousand).ptr;  // room for the suffix
-    *end++ = Format::kThousandsSuffix;
-    return end;
-}
-
-// The event-time form: "0", the quotient by 1000 followed by 'k', or the number in full.
-Formatted FormatEventTime(std::int64_t time) {
-    Formatted out;
-    out.length = static_cast<std::size_t>(PutEventTimeText(time, out.text, out.text + kNumberRoom) - out.text);
-    return out;
-}
-
-std::size_t DigitCount(std::size_t value) {
-    std::size_t digits = 1;
-    for (; value >= 10; value /= 10) ++digits;
-    return digits;
-}
-
-std::size_t CommonPrefix(std::string_view a, std::string_view b) {
-    const std::size_t limit = a.size() < b.size() ? a.size() : b.size();
-    std::size_t length = 0;
-    while (length < limit && a[length] == b[length]) ++length;
-    return length;
-}
-
-std::size_t CommonSuffix(std::string_view a, std::string_view b) {
-    const std::size_t limit = a.size() < b.size() ? a.size() : b.size();
-    std::size_t length = 0;
-    while (length < limit && a[a.size() - 1 - length] == b[b.size() - 1 - length]) ++length;
-    return length;
-}
-
-// Length of the run of evenly spaced values starting at values[0] (at least 1), and its step.
-// Only steps that fit a plain integer and are not 0 make runs.
-std::size_t RunLength(const std::int32_t* values, std::size_t count, std::int64_t* step) {
-    if (count < 2) return count;
-    *step = std::int64_t{values[1]} - values[0];
-    if (*step == 0 || std::llabs(*step) > std::numeric_limits<std::int32_t>::max()) return 1;
-    std::size_t length = 2;
-    while (length < count && std::int64_t{values[length]} - values[length - 1] == *step) ++length;
-    return length;
-}
-
-// Runs shorter than this are written value by value: "a-b" saves nothing over "a b".
-constexpr std::size_t kShortestRange = 3;
-
-}  // namespace
 
 KLineWriter::KLineWriter(KOutputStream& stream, IErrorReport& reporter, bool timed) noexcept
     : stream_(stream), reporter_(reporter), timed_(timed) {}
@@ -88,80 +22,25 @@ KLineWriter::KLineWriter(KOutputStream& stream, IErrorReport& reporter, bool tim
 
 bool KLineWriter::EndLine() { return stream_.Write(Format::kLineEnd); }
 
-bool KLineWriter::PutInteger(std::int32_t value) { return stream_.Write(FormatNumber(value).View()); }
+bool KLineWriter::PutInteger(std::int32_t value) { return Format::PutInteger(stream_, value); }
 
-bool KLineWriter::PutWide(std::int64_t value) { return stream_.Write(FormatNumber(value).View()); }
+bool KLineWriter::PutWide(std::int64_t value) { return Format::PutWide(stream_, value); }
 
-bool KLineWriter::PutRelative(std::int32_t value) {
-    const Formatted full = FormatNumber(value);
-    // Whenever the difference is the shorter form it fits 32 bits; it is computed in 64.
-    const Formatted difference = FormatNumber(std::int64_t{value} - previousRelative_);
-    previousRelative_ = value;
-    if (full.length > difference.length) {
-        return stream_.Put(Format::kRelativePrefix) && stream_.Write(difference.View());
-    }
-    return stream_.Write(full.View());
-}
+bool KLineWriter::PutRelative(std::int32_t value) { return Format::PutRelative(stream_, value, previousRelative_); }
 
-bool KLineWriter::PutEventTime(std::int64_t time) { return stream_.Write(FormatEventTime(time).View()); }
+bool KLineWriter::PutEventTime(std::int64_t time) { return Format::PutEventTime(stream_, time); }
 
-bool KLineWriter::PutString(std::string_view text) {
-    if (Format::IsBareIdentifier(text)) return stream_.Write(text);
-    if (!stream_.Put(Format::kQuote)) return false;
-    std::size_t start = 0;
-    for (std::size_t at = 0; at < text.size(); ++at) {
-        if (!Format::NeedsEscape(text[at])) continue;
-        if (!stream_.Write(text.substr(start, at - start)) || !stream_.Put(Format::kEscape)) return false;
-        start = at;  // the escaped character goes out with the next span
-    }
-    return stream_.Write(text.substr(start)) && stream_.Put(Format::kQuote);
-}
+bool KLineWriter::PutString(std::string_view text) { return Format::PutString(stream_, text); }
 
-bool KLineWriter::PutName(std::string_view name) {
-    const std::string_view previous(previousName_);
-    std::size_t front = CommonPrefix(name, previous);
-    std::size_t back = CommonSuffix(name, previous);
-    if (front + back > name.size()) {
-        if (back <= front) {
-            back = 0;
-        } else {
-            front = 0;
-        }
-    }
-    const std::string_view middle = name.substr(front, name.size() - front - back);
-    const bool compress = DigitCount(front) + DigitCount(back) + middle.size() + 2 < name.size();
-    const Formatted keepFront = FormatNumber(front);
-    const Formatted keepBack = FormatNumber(back);
-    previousName_.assign(name);  // `middle` views the caller's text, not this copy
-    if (!compress) return PutString(name);
-    return stream_.Write(keepFront.View()) && PutSpace() && stream_.Write(keepBack.View()) &&
-           PutSpace() && PutString(middle);
-}
-
-bool KLineWriter::PutItem(std::int32_t first, std::int64_t last, std::int64_t step) {
-    if (!PutSpace() || !PutRelative(first)) return false;
-    if (last == first) return true;
-    // A range repeats no value; a step of 0 would, and a reader refuses it.
-    if (step == 0) return reporter_.Error(Format::kMessageDoubleIndex);
-    if (!stream_.Put(Format::kRangeSeparator) || !PutRelative(static_cast<std::int32_t>(last))) return false;
-    if (step == 1 || step == -1) return true;
-    return stream_.Put(Format::kStepSeparator) && PutInteger(static_cast<std::int32_t>(std::llabs(step)));
-}
+bool KLineWriter::PutName(std::string_view name) { return Format::PutName(stream_, name, previousName_); }
 
 bool KLineWriter::PutIndexList(const std::int32_t* values, std::size_t count) {
-    std::size_t at = 0;
-    while (at < count) {
-        std::int64_t step = 0;
-        const std::size_t run = RunLength(values + at, count - at, &step);
-        if (run >= kShortestRange) {
-            if (!PutItem(values[at], values[at + run - 1], step)) return false;
-            at += run;
-        } else {
-            if (!PutItem(values[at], values[at], 0)) return false;
-            ++at;
-        }
+    switch (Format::PutIndexList(stream_, values, count, previousRelative_)) {
+        case Format::ListWritten::kDone: return true;
+        case Format::ListWritten::kDoubleIndex: return reporter_.Error(Format::kMessageDoubleIndex);
+        case Format::ListWritten::kWriteFailed: break;
     }
-    return true;
+    return false;
 }
 
 // Formats the time point (step, delta) in its dictionary form into `out` (kPointRoom bytes) and
@@ -174,7 +53,7 @@ std::string_view KLineWriter::FormatTimePoint(std::int64_t step, int delta, char
     char* end = full;
     *end++ = delta == 0 ? Format::kPointDeltaZero : Format::kPointWithDelta;
     *end++ = ' ';
-    end = PutEventTimeText(step, end, limit);
+    end = Format::PutEventTimeText(step, end, limit);
     if (delta != 0) {
         *end++ = ' ';
         end = std::to_chars(end, limit, delta).ptr;
@@ -237,7 +116,7 @@ bool KLineWriter::WriteResolution(std::int64_t resolution) {
 
 bool KLineWriter::WriteTypeLine(std::int32_t typeIndex, std::string_view typeInfo) {
     return stream_.Put(Format::kTypeLead) && PutSpace() && PutInteger(typeIndex) && PutSpace() &&
-           PutString(typeInfo) && EndLine();
+           Format::PutTypeString(stream_, typeInfo) && EndLine();
 }
 
 bool KLineWriter::PutDeclarationFields(const DeclarationFields& fields) {
@@ -344,9 +223,7 @@ bool KLineWriter::WriteTimePointLine(std::int64_t step, int delta) {
     return stream_.Write(point.data(), point.size() + 2);
 }
 
-bool KLineWriter::BeginRun(int length, std::int64_t count) {
-    return stream_.Put(Format::kRunLead) && PutSpace() && PutInteger(length) && PutSpace() && PutWide(count);
-}
+bool KLineWriter::BeginRun(int length, std::int64_t count) { return Format::PutRunHeader(stream_, length, count); }
 
 bool KLineWriter::WriteTimeRun(int length, std::int64_t count, const TimeStep* steps) {
     if (!BeginRun(length, count)) return false;
@@ -356,9 +233,7 @@ bool KLineWriter::WriteTimeRun(int length, std::int64_t count, const TimeStep* s
     return EndLine();
 }
 
-bool KLineWriter::WriteCountLine(std::int32_t count) {
-    return stream_.Put(Format::kCountLead) && PutSpace() && PutInteger(count) && EndLine();
-}
+bool KLineWriter::WriteCountLine(std::int32_t count) { return Format::PutCountRecord(stream_, count) && EndLine(); }
 
 bool KLineWriter::WriteSourceItemLine(std::int32_t source) { return PutInteger(source) && EndLine(); }
 

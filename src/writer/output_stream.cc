@@ -3,7 +3,7 @@
 #include "writer/output_stream.h"
 
 #include "foundation/platform_file.h"
-#include "writer/file_format.h"
+#include "format/vocabulary.h"
 
 namespace Tarvel {
 

@@ -8,10 +8,11 @@
 #include <functional>
 #include <new>
 
+#include "format/value_text.h"
 #include "store/event_append.h"
-#include "store/little_endian.h"
+#include "foundation/little_endian.h"
 #include "writer/block_writers.h"
-#include "writer/file_format.h"
+#include "format/vocabulary.h"
 
 namespace Tarvel {
 namespace {
@@ -808,7 +809,7 @@ bool KTarvelWrite::WriteGroups(const Vector<FlushMember>& members) {
 bool KTarvelWrite::WriteLoggedBlock(std::int32_t typeIndex, const HandleEntry& entry, const Vector<std::int32_t>& handles,
                                     const EventStage::Range& range, std::size_t count) {
     const TypeHandle& type = *m_types.Find(typeIndex);
-    if (!TypeRegistry::HasValueText(type)) return true;
+    if (!Format::HasValueText(type)) return true;
     if (!m_lines.WriteWavesLine(handles.data(), handles.size())) return false;
     if (!EmitLoggedSteps(m_lines, range, count) || !m_lines.WriteValuesLine()) return false;
     const KEventsStoreBody& body = *StoreAccess::Body(entry.store);
@@ -828,7 +829,7 @@ bool KTarvelWrite::WriteLoggedBlock(std::int32_t typeIndex, const HandleEntry& e
 
 bool KTarvelWrite::WriteBlock(std::int32_t typeIndex, const KEventsStore& store, const Vector<std::int32_t>& handles) {
     const TypeHandle& type = *m_types.Find(typeIndex);
-    if (!TypeRegistry::HasValueText(type)) return true;
+    if (!Format::HasValueText(type)) return true;
     if (!m_lines.WriteWavesLine(handles.data(), handles.size())) return false;
     KTimeDeltaWriter steps(m_lines);
     if (!store.WriteTimeDelta(&steps) || !m_lines.WriteValuesLine()) return false;

@@ -37,16 +37,11 @@ public:
     }
     std::int32_t StdLogicIndex() const { return m_stdLogic; }
 
-    // True when signals of this type write event blocks (their kind has a value text).
-    static bool HasValueText(const TypeHandle& type);
-
     // Writes the text of the value `bytes` of type `typeIndex` through `lines`. Refusals:
     // "Unknown typeindex %d", "Cannot convert data %x %x %x %x to string", "Impossible error".
     bool PutValueText(KLineWriter& lines, std::int32_t typeIndex, const unsigned char* bytes);
 
 private:
-    bool PutEnumeration(KLineWriter& lines, const TypeHandle& type, const unsigned char* bytes);
-
     ITypesWriter& m_writer;
     Vector<TypeHandle> m_types;            // type index - 1 -> type
     Map<String, std::int32_t> m_indexes;   // type-information string -> type index

@@ -17,7 +17,7 @@
 #include <stdexcept>
 
 #include "foundation/platform.h"
-#include "rawreader/lexer_test_support.h"
+#include "format/lexer_test_support.h"
 #include "rawreader/raw_reader_dump.h"
 #include "tarvel/raw_reader.h"
 #include "tarvel/writer.h"

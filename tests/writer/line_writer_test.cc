@@ -5,7 +5,7 @@
 #include <random>
 
 #include "format_test_support.h"
-#include "writer/file_format.h"
+#include "format/vocabulary.h"
 
 namespace Tarvel::Testing {
 namespace {
@@ -17,7 +17,7 @@ TEST(LineWriterGolden, DeclarationsOfAnUntimedFile) {
     EXPECT_TRUE(w.WriteResolution(1000000));
     EXPECT_TRUE(w.WriteResolution(1000000));  // same value: succeeds, writes nothing
     EXPECT_FALSE(w.WriteResolution(10));      // another value: fails, writes nothing
-    w.WriteTypeLine(1, Format::kStdLogicTypeEnum);
+    w.WriteTypeLine(1, kStdLogicTypeString);
     w.WriteTypeLine(2, "r#odd \"quote\" \\ here");
     w.WriteBusDeclaration({Format::kModeIn, 1000, 1, true, 8, "top.cpu.alu.result", false, {0, 7}, 0});
     w.WriteSignalDeclaration({Format::kModeSignal, 1001, 1, false, 0, "top.cpu.alu.carry", false, {1, 2}, 0});

@@ -1,16 +1,21 @@
-// The waveform file's vocabulary, shared by the writer and the reader: header and keyword words,
-// the first characters of line kinds, port-mode words in both directions, the std_logic value
-// characters and the rule that decides whether a string is written bare or quoted. Writer and
-// file-format layer, used by the raw reader too. Constants and pure functions only: thread-safe.
+// The waveform file's vocabulary, shared by the writer, the readers and the tools: header and
+// keyword words, the first characters of line kinds, port-mode words in both directions, the
+// std_logic value characters, the rule that decides whether a string is written bare or quoted,
+// and the writer's messages about the file. Format layer; constants and pure functions only:
+// thread-safe.
 //
 // Keep every word of the file here, so that the code that writes a field and the code that
-// reads it use one table and cannot drift apart. docs/format.md describes the file line by line.
-#ifndef TARVEL_WRITER_FILE_FORMAT_H
-#define TARVEL_WRITER_FILE_FORMAT_H
+// reads it use one table and cannot drift apart. The fields themselves are in the other files of
+// src/format/; docs/format.md describes the file line by line.
+#ifndef TARVEL_FORMAT_VOCABULARY_H
+#define TARVEL_FORMAT_VOCABULARY_H
 
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
+
+#include "tarvel/writer.h"
+#include "typeinfo/type_service.h"
 
 namespace Tarvel::Format {
 
@@ -45,6 +50,8 @@ inline constexpr char kThousandsSuffix = 'k';  // event times: the number times 
 inline constexpr std::int64_t kThousand = 1000;
 inline constexpr char kQuote = '"';
 inline constexpr char kEscape = '\\';
+inline constexpr char kCharacterQuote = '\'';  // a character literal: 'c'
+inline constexpr std::string_view kNotANumber = "NaN";  // the value text of a NaN
 
 // ---- Header and keyword lines --------------------------------------------------------------
 
@@ -102,6 +109,12 @@ inline constexpr int kModeSignal = 6;
 inline constexpr int kModeVariable = 7;
 inline constexpr int kModeVirtualBus = -1;  // only on bus lines
 
+// The mode numbers are those of the public interface.
+static_assert(kModeNone == kPortNone && kModeIn == kPortIn && kModeOut == kPortOut && kModeInOut == kPortInOut &&
+                  kModeBuffer == kPortBuffer && kModeLinkage == kPortLinkage && kModeSignal == kPortSignal &&
+                  kModeVariable == kPortVariable && kModeVirtualBus == kPortVirtualBus,
+              "port modes of the file and of ITarvelWrite differ");
+
 struct ModeWord {
     std::string_view word;
     int mode;
@@ -139,11 +152,12 @@ constexpr bool ModeFromWord(std::string_view word, bool onVersion4BusLine, int* 
 
 // ---- std_logic -----------------------------------------------------------------------------
 
-// The nine std_logic values 0..8, one character each; a larger code is written as '?'.
-inline constexpr std::string_view kStdLogicChars = "UX01ZWLH-";
+// The nine std_logic values 0..8, one character each (the type service's); a larger code is
+// written as '?', which reads back as code 9. The std_logic type texts and their test are the
+// type layer's (kStdLogicTypeString, IsStdLogicTypeString).
+inline constexpr std::string_view kStdLogicChars = Sorvat::kStdLogicCharacters;
 inline constexpr char kStdLogicInvalid = '?';
-inline constexpr std::string_view kStdLogicTypeEnum = "e#9#std_logicc9 UX01ZWLH-";
-inline constexpr std::string_view kStdLogicTypeChar = "c#9#std_logicc9 UX01ZWLH-";
+inline constexpr int kStdLogicInvalidCode = 9;
 
 constexpr char StdLogicChar(std::uint32_t code) noexcept {
     return code < kStdLogicChars.size() ? kStdLogicChars[code] : kStdLogicInvalid;
@@ -153,10 +167,6 @@ constexpr char StdLogicChar(std::uint32_t code) noexcept {
 constexpr int StdLogicCode(char c) noexcept {
     const std::size_t at = kStdLogicChars.find(c);
     return at == std::string_view::npos ? -1 : static_cast<int>(at);
-}
-
-constexpr bool IsStdLogicType(std::string_view typeInfo) noexcept {
-    return typeInfo == kStdLogicTypeEnum || typeInfo == kStdLogicTypeChar;
 }
 
 // ---- Strings -------------------------------------------------------------------------------
@@ -195,4 +205,4 @@ inline constexpr char kMessageDoubleIndex[] = "Double index in range";
 
 }  // namespace Tarvel::Format
 
-#endif  // TARVEL_WRITER_FILE_FORMAT_H
+#endif  // TARVEL_FORMAT_VOCABULARY_H

@@ -1,7 +1,8 @@
-// The raw reader's lexer: reads a waveform file through its own 64 KiB buffer and turns bytes
-// into the field forms of docs/format.md (words, integers, relative integers, event times,
-// strings, names, index lists, line ends), and records and returns to file positions. Raw reader
-// layer, lowest level. One lexer belongs to one reader and is used from one thread at a time.
+// The lexer: reads a waveform file through its own 64 KiB buffer, gives its bytes as characters,
+// checks line ends, reads words, and records and returns to file positions. The field forms of
+// docs/format.md are read by the functions of the other files of src/format/ on top of it.
+// Format layer, lowest level of reading. One lexer belongs to one reader and is used from one
+// thread at a time.
 //
 // The current character. The caller keeps the character read last in an int `c` (-1, kEnd, at
 // the end of the file) and hands it to every operation: an operation starts at `c` and leaves in
@@ -15,19 +16,13 @@
 // a field is incomplete. The only exception is std::bad_alloc from the allocation path while a
 // caller's string or list grows.
 //
-// Numbers. Digits accumulate as value * 10 + digit in the field's width (32 bits for integers
-// and relative integers, 64 bits for wide integers), wrapping around modulo 2^32 or 2^64; the
-// "k" multiplication and the sign wrap the same way, and so does the addition of a "+"
-// difference to the last relative number. Every bit pattern is a possible result, so the callers
-// bound what a number drives (list lengths, counts, sizes, positions) themselves.
-//
 // Costs. Next() is an inline compare and load; the buffer refills out of line with one block read
 // of up to 64 KiB. Token operations scan the buffer directly and append to the caller's string in
 // spans; nothing allocates except the caller's string or list growing to the longest token.
 // SavePosition costs nothing (the position is counted, not asked of the file); RestorePosition
 // is one seek and empties the buffer. The buffer is a member array: allocate the owner on the heap.
-#ifndef TARVEL_RAWREADER_LEXER_H
-#define TARVEL_RAWREADER_LEXER_H
+#ifndef TARVEL_FORMAT_LEXER_H
+#define TARVEL_FORMAT_LEXER_H
 
 #include <array>
 #include <cstddef>
@@ -55,8 +50,6 @@ class KLexer {
 public:
     static constexpr std::size_t kBufferSize = 65536;
     static constexpr int kEnd = -1;  // the character at the end of the file
-    // Default most items an index list may hold.
-    static constexpr std::size_t kIndexListLimit = std::size_t{1} << 22;
 
     // True for whitespace (see LexerTables); false for kEnd.
     static bool IsSpace(int c) noexcept {
@@ -116,32 +109,15 @@ public:
     // Clears `word` and appends characters from `c` up to whitespace or kEnd (no blanks are
     // skipped first). True when the word is not empty.
     bool ReadWord(int& c, String& word);
-    // Plain integer: skips blanks, an optional "-", at least one digit; modulo 2^32.
-    bool ReadInteger(int& c, std::int32_t& value) noexcept;
-    // Relative integer: skips blanks, an optional "+" (a difference added to the last relative
-    // number, modulo 2^32), then a plain integer with no blanks after the "+". Either way the
-    // result becomes the last relative number.
-    bool ReadRelative(int& c, std::int32_t& value) noexcept;
-    // Wide integer: skips blanks, an optional "-", digits, an optional "k" (times 1000, consumed);
-    // the sign applies last; modulo 2^64. Event times use this form.
-    bool ReadWide(int& c, std::int64_t& value) noexcept;
-    // String: skips blanks, clears `text`, then one of
-    //   "..."  a quoted string; a backslash takes the next character literally; kEnd inside fails;
-    //          `text` gets the characters without quotes and backslashes;
-    //   'x'    one character between single quotes; `text` gets all three characters, quotes
-    //          included, so that a value parser can tell a character literal from an identifier;
-    //   bare   characters up to whitespace, "=" or kEnd; must not be empty.
-    bool ReadString(int& c, String& text);
-    // Index list: clears `list`, then reads items until the line holds no further number (LF,
-    // kEnd, or a character that cannot start a number is left in `c`; an empty list is fine).
-    // An item is a relative integer a, a range a-b of relative integers (step 1), or a-b/s with a
-    // plain step s >= 1: a, a+s, a+2s, ... while not past b, counting down (a, a-s, ...) when
-    // a >= b. A "-" starts a range only right after a number; the range end becomes the last
-    // relative number, the step does not. Fails on a malformed number or a step below 1.
-    // A list that would hold more than `limit` items fails before it is expanded, so that a
-    // damaged range cannot make the reader allocate without end.
-    bool ReadIndexList(int& c, Vector<std::int32_t>& list, std::size_t limit = kIndexListLimit);
+    // Appends the bytes after `c` to `out` up to the first byte for which `stop` is true, and
+    // returns that byte (consumed), or kEnd. The scan runs over the buffer and appends in spans.
+    // May throw std::bad_alloc while `out` grows; the buffer is then still where it was.
+    template <class Stop>
+    int AppendUntil(String& out, Stop stop);
+    // The field forms themselves (numbers, strings, names, index lists, value text) are read by
+    // the functions of the other files of src/format/, each beside the code that writes it.
 
+    // What a "+" difference of a relative integer is added to (format/numbers.h).
     std::int32_t LastRelative() const noexcept { return lastRelative_; }
     void SetLastRelative(std::int32_t value) noexcept { lastRelative_ = value; }
 
@@ -168,18 +144,6 @@ private:
     bool EndOfLineAfterBlanks(int& c) noexcept;
     // Reads the next block into the buffer. False when nothing arrived (end of file or no file).
     bool Refill() noexcept;
-    // Accumulates the digits starting at `c` (a digit) as value * 10 + digit in the width of
-    // Unsigned, wrapping around; leaves `c` on the first non-digit.
-    template <class Unsigned>
-    Unsigned ReadDigits(int& c) noexcept;
-    // "-"? digits, modulo 2^32; no blanks skipped.
-    bool ReadSignedDigits(int& c, std::int32_t& value) noexcept;
-    // Appends the bytes after `c` to `out` up to the first byte for which `stop` is true, and
-    // returns that byte (consumed), or kEnd.
-    template <class Stop>
-    int AppendUntil(String& out, Stop stop);
-    bool ReadQuoted(int& c, String& text);
-    bool ReadCharacterLiteral(int& c, String& text);
 
     std::FILE* file_ = nullptr;          // the input file; null when closed
     std::int64_t savedPosition_ = 0;     // valid while hasSaved_
@@ -191,14 +155,21 @@ private:
     unsigned char buffer_[kBufferSize];  // the block read last
 };
 
-// Reads the name field of a declaration, compressed against `name`, the previous name, which it
-// replaces on success (unchanged on failure). A digit starts the compressed form "A B S": the
-// first A characters of the previous name, then the string S, then its last B characters (the two
-// parts are taken independently and may overlap); A or B larger than the previous name fails.
-// Anything else is a string holding the whole name. `scratch` is working space whose buffer is
-// kept between calls, so that a run of declarations allocates only while names grow.
-bool ReadName(KLexer& lexer, int& c, String& name, String& scratch);
+template <class Stop>
+int KLexer::AppendUntil(String& out, Stop stop) {
+    for (;;) {
+        const unsigned char* at = next_;
+        while (at != end_ && !stop(*at)) ++at;
+        out.append(reinterpret_cast<const char*>(next_), static_cast<std::size_t>(at - next_));
+        if (at != end_) {
+            next_ = at + 1;
+            return *at;
+        }
+        next_ = at;
+        if (!Refill()) return kEnd;
+    }
+}
 
 }  // namespace Tarvel
 
-#endif  // TARVEL_RAWREADER_LEXER_H
+#endif  // TARVEL_FORMAT_LEXER_H

@@ -1,7 +1,7 @@
-// Little-endian loads and stores of the store's byte streams, as single unaligned accesses
-// where the host allows. Store layer; pure functions, any thread.
-#ifndef TARVEL_STORE_LITTLE_ENDIAN_H
-#define TARVEL_STORE_LITTLE_ENDIAN_H
+// Little-endian loads and stores of byte streams and value bytes, as single unaligned accesses
+// where the host allows. Foundation layer; pure functions, any thread.
+#ifndef TARVEL_FOUNDATION_LITTLE_ENDIAN_H
+#define TARVEL_FOUNDATION_LITTLE_ENDIAN_H
 
 #include <cstdint>
 #include <cstring>
@@ -38,4 +38,4 @@ inline std::uint64_t LoadPart(const unsigned char* p, unsigned bytes) {
 
 }  // namespace Tarvel::LittleEndian
 
-#endif  // TARVEL_STORE_LITTLE_ENDIAN_H
+#endif  // TARVEL_FOUNDATION_LITTLE_ENDIAN_H

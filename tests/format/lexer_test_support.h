@@ -1,8 +1,8 @@
 // Helpers of the raw-reader tests: a lexer over a scratch file with given bytes, and input-file
 // operations that read in small random pieces or fail to seek. Test support for the raw reader
 // layer; single-threaded (the input hooks are process-wide).
-#ifndef TARVEL_TESTS_RAWREADER_LEXER_TEST_SUPPORT_H
-#define TARVEL_TESTS_RAWREADER_LEXER_TEST_SUPPORT_H
+#ifndef TARVEL_TESTS_FORMAT_LEXER_TEST_SUPPORT_H
+#define TARVEL_TESTS_FORMAT_LEXER_TEST_SUPPORT_H
 
 #include <cstdio>
 #include <fstream>
@@ -10,7 +10,7 @@
 #include <string>
 
 #include "foundation/platform_file.h"
-#include "rawreader/lexer.h"
+#include "format/lexer.h"
 #include "writer/format_test_support.h"
 
 namespace Tarvel::Testing {
@@ -63,4 +63,4 @@ struct ChoppyInput {
 
 }  // namespace Tarvel::Testing
 
-#endif  // TARVEL_TESTS_RAWREADER_LEXER_TEST_SUPPORT_H
+#endif  // TARVEL_TESTS_FORMAT_LEXER_TEST_SUPPORT_H

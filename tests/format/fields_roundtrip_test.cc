@@ -12,7 +12,11 @@
 #include <string>
 #include <vector>
 
-#include "rawreader/lexer_test_support.h"
+#include "format/index_lists.h"
+#include "format/lexer_test_support.h"
+#include "format/names.h"
+#include "format/numbers.h"
+#include "format/strings.h"
 
 namespace Tarvel {
 namespace {
@@ -101,13 +105,13 @@ std::optional<Field> Read(KLexer& lexer, String& name, String& scratch) {
     Vector<std::int32_t> list;
     bool read = false;
     switch (field.kind) {
-        case 'I': read = lexer.ReadInteger(c, small) && (field.number = small, true); break;
-        case 'R': read = lexer.ReadRelative(c, small) && (field.number = small, true); break;
+        case 'I': read = Format::ReadInteger(lexer, c, small) && (field.number = small, true); break;
+        case 'R': read = Format::ReadRelative(lexer, c, small) && (field.number = small, true); break;
         case 'W':
-        case 'E': read = lexer.ReadWide(c, field.number); break;
-        case 'S': read = lexer.ReadString(c, text) && (field.text = text, true); break;
-        case 'N': read = ReadName(lexer, c, name, scratch) && (field.text = name, true); break;
-        default: read = lexer.ReadIndexList(c, list) && (field.list.assign(list.begin(), list.end()), true);
+        case 'E': read = Format::ReadWide(lexer, c, field.number); break;
+        case 'S': read = Format::ReadString(lexer, c, text) && (field.text = text, true); break;
+        case 'N': read = Format::ReadName(lexer, c, name, scratch) && (field.text = name, true); break;
+        default: read = Format::ReadIndexList(lexer, c, list) && (field.list.assign(list.begin(), list.end()), true);
     }
     if (!read || !lexer.EndOfLine(c)) return std::nullopt;
     return field;

@@ -5,7 +5,11 @@
 #include <cstdint>
 #include <string>
 
-#include "rawreader/lexer_test_support.h"
+#include "format/index_lists.h"
+#include "format/lexer_test_support.h"
+#include "format/names.h"
+#include "format/numbers.h"
+#include "format/strings.h"
 
 namespace Tarvel {
 namespace {
@@ -24,24 +28,24 @@ std::string Scan(const std::string& text, Read read) {
     return out + "|" + Left(in.c);
 }
 // A Scan reader for each number form.
-template <class T, bool (KLexer::*Read)(int&, T&) noexcept>
+template <class T, bool (*Read)(KLexer&, int&, T&) noexcept>
 bool Number(Lexed& in, std::string& out) {
     T value = 0;
-    return (in.lexer.*Read)(in.c, value) && (out += std::to_string(value), true);
+    return Read(in.lexer, in.c, value) && (out += std::to_string(value), true);
 }
-constexpr auto kWide = Number<std::int64_t, &KLexer::ReadWide>;
-constexpr auto kInteger = Number<std::int32_t, &KLexer::ReadInteger>;
-constexpr auto kRelative = Number<std::int32_t, &KLexer::ReadRelative>;
+constexpr auto kWide = Number<std::int64_t, &Format::ReadWide>;
+constexpr auto kInteger = Number<std::int32_t, &Format::ReadInteger>;
+constexpr auto kRelative = Number<std::int32_t, &Format::ReadRelative>;
 const auto kString = [](Lexed& in, std::string& out) {
     String text;
-    return in.lexer.ReadString(in.c, text) && (out += "[" + std::string(text) + "]", true);
+    return Format::ReadString(in.lexer, in.c, text) && (out += "[" + std::string(text) + "]", true);
 };
 const auto kName = [](Lexed& in, std::string& out) {
-    return ReadName(in.lexer, in.c, in.name, in.scratch) && (out += std::string(in.name), true);
+    return Format::ReadName(in.lexer, in.c, in.name, in.scratch) && (out += std::string(in.name), true);
 };
 const auto kList = [](Lexed& in, std::string& out) {
     Vector<std::int32_t> list;
-    if (!in.lexer.ReadIndexList(in.c, list) || in.c == KLexer::kEnd) return false;
+    if (!Format::ReadIndexList(in.lexer, in.c, list) || in.c == KLexer::kEnd) return false;
     for (std::int32_t value : list) out += std::to_string(value) + ",";
     in.c = in.lexer.Next();  // past what ended the list
     return true;
@@ -142,8 +146,8 @@ TEST(Lexer, RestoreReadsWhatAGrowingFileAppended) {
     Lexed in("I 1 x\r\n:ENDWAVE\r\n");
     String word;
     std::int32_t type = 0;
-    ASSERT_TRUE(in.lexer.ReadWord(in.c, word) && in.lexer.ReadInteger(in.c, type) &&
-                in.lexer.ReadString(in.c, word) && in.lexer.EndOfLine(in.c));
+    ASSERT_TRUE(in.lexer.ReadWord(in.c, word) && Format::ReadInteger(in.lexer, in.c, type) &&
+                Format::ReadString(in.lexer, in.c, word) && in.lexer.EndOfLine(in.c));
     in.lexer.SavePosition();
     EXPECT_EQ(in.lexer.SavedPosition(), 7);
     EXPECT_EQ(in.lexer.Next(), ':');

@@ -1,0 +1,58 @@
+// Value text: the float form and reading. Format layer; see the header.
+#include "format/value_text.h"
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace Tarvel::Format {
+
+std::string_view FloatText(const unsigned char* bytes, char (&out)[40]) noexcept {
+    const std::uint64_t raw = LittleEndian::Load<std::uint64_t>(bytes);
+    double value;
+    std::memcpy(&value, &raw, sizeof value);
+    if (std::isnan(value)) return kNotANumber;
+    const int n = std::snprintf(out, sizeof out, "%g", value);
+    return std::string_view(out, static_cast<std::size_t>(n));
+}
+
+bool ReadStdLogicText(KLexer& lexer, int& c, unsigned char* bytes) noexcept {
+    const int code = c == kStdLogicInvalid ? kStdLogicInvalidCode : StdLogicCode(static_cast<char>(c));
+    if (code < 0 || c == KLexer::kEnd) return false;
+    LittleEndian::Store<std::uint32_t>(bytes, static_cast<std::uint32_t>(code));
+    c = lexer.Next();
+    return true;
+}
+
+bool ReadValueText(KLexer& lexer, int& c, const TypeHandle& type, unsigned char* bytes, String& scratch) {
+    switch (type.Kind()) {
+        case kTypeInteger: {
+            std::int32_t value = 0;
+            if (!ReadInteger(lexer, c, value)) return false;
+            LittleEndian::Store<std::uint32_t>(bytes, static_cast<std::uint32_t>(value));
+            return true;
+        }
+        case kTypePhysical:
+        case kTypeLongInteger: {
+            std::int64_t value = 0;
+            if (!ReadWide(lexer, c, value)) return false;
+            LittleEndian::Store<std::uint64_t>(bytes, static_cast<std::uint64_t>(value));
+            return true;
+        }
+        case kTypeFloat: {
+            if (!ReadString(lexer, c, scratch)) return false;
+            char* end = nullptr;
+            const double value = std::strtod(scratch.c_str(), &end);
+            if (end == scratch.c_str() || *end != '\0') return false;
+            std::uint64_t raw;
+            std::memcpy(&raw, &value, sizeof raw);
+            LittleEndian::Store<std::uint64_t>(bytes, raw);
+            return true;
+        }
+        case kTypeEnumeration: return ReadString(lexer, c, scratch) && type.TextToValue(scratch.c_str(), bytes, 8);
+        default: return false;
+    }
+}
+
+}  // namespace Tarvel::Format
