@@ -199,6 +199,14 @@ bool CloseFile(std::FILE* stream) noexcept {
     return std::fclose(stream) == 0;
 }
 
+bool WriteTextFile(const char* name, const char* text, std::size_t size) noexcept {
+    const FileHooks* hooks = Hooks();
+    std::FILE* stream = (hooks != nullptr && hooks->open != nullptr) ? hooks->open(name, "w") : std::fopen(name, "w");
+    if (stream == nullptr) return false;
+    const bool written = WriteFile(text, size, stream) == size;
+    return CloseFile(stream) && written;
+}
+
 const FileHooks* SetFileHooks(const FileHooks* hooks) noexcept {
     return g_fileHooks.exchange(hooks, std::memory_order_acq_rel);
 }

@@ -48,6 +48,10 @@ std::int64_t TellFile(std::FILE* stream) noexcept;
 bool SeekFile(std::FILE* stream, std::int64_t position) noexcept;
 bool CloseFile(std::FILE* stream) noexcept;
 
+// Replaces the text file `name` (mode "w") with `size` bytes of `text`, through the operations
+// above; false when it cannot be made or written. The writer's error log is written this way.
+bool WriteTextFile(const char* name, const char* text, std::size_t size) noexcept;
+
 // Replaceable file operations for tests (a full disk, a failing seek, a forced network drive).
 // Each null member keeps the runtime's behaviour for that operation. Return values follow the
 // functions above.

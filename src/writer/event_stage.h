@@ -104,6 +104,8 @@ public:
         if (Allocated()) m_room = m_eventLimit;
     }
     bool Enabled() const { return m_eventLimit > 0; }
+    // Takes nothing more until Allocate (a writer that failed): HasRoom() is false from now on.
+    void Refuse() noexcept { m_room = 0; }
 
     bool empty() const { return m_eventCount == 0; }
     // True when one more event fits; false while the buffers are not made.

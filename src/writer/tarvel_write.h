@@ -1,11 +1,20 @@
 // KTarvelWrite: the writer object behind ITarvelWrite. It keeps the handle table (type index,
 // events store and changed flag per handle), the pending declaration lines, the source
-// numbering and the time, and drives the line writer. Writer layer; one thread at a time.
+// numbering and the time, and drives the line writer. Its members live in four files: its life
+// and failures (tarvel_write.cc), declarations (writer_declarations.cc), values
+// (writer_values.cc) and the flush with commits (writer_flush.cc). Writer layer; one thread at a
+// time.
+//
+// Failures. Every operation that can fail runs through Guard: once the writer has failed it
+// answers false at once, and exhausted memory inside is the failure "Out of memory". Every
+// failure goes to Error, the one reporter: the first closes the file and logs its message to
+// "<file>.log"; later ones are silent.
 #ifndef TARVEL_WRITER_TARVEL_WRITE_H
 #define TARVEL_WRITER_TARVEL_WRITE_H
 
 #include <cstdarg>
 #include <cstdint>
+#include <new>
 #include <utility>
 
 #include "foundation/memory.h"
@@ -66,7 +75,7 @@ private:
 
 struct FlushMember;
 
-class KTarvelWrite final : public ITarvelWrite, public ITypesWriter, public IErrorReport {
+class KTarvelWrite final : public ITarvelWrite, public ITypesWriter {
 public:
     KTarvelWrite(const char* fileName, bool timed, const ISourceCallback* callback);
     ~KTarvelWrite() override;
@@ -104,10 +113,10 @@ public:
     // Events the staging log takes before it hands them to the stores (tests; 0: no staging).
     void SetStageLimit(std::uint32_t events) { m_stage.SetLimit(events); }
 
-    // ITypesWriter and IErrorReport: the first failure closes the file and logs its message.
-    bool ReportError(const char* format, ...) override;
-    bool WriteTypeLine(std::int32_t typeIndex, const char* typeInfo) override;
+    // ITypesWriter, with IErrorReport: the first failure closes the file and logs its message
+    // (an empty message logs nothing); every call answers false.
     bool Error(const char* format, ...) override;
+    bool WriteTypeLine(std::int32_t typeIndex, const char* typeInfo) override;
 
 private:
     struct BusInfo {
@@ -122,11 +131,20 @@ private:
         Vector<std::int32_t> handles;
     };
 
-    bool Report(const char* format, std::va_list args);
+    // Runs an operation: false at once once the writer has failed; exhausted memory inside
+    // `body` is the failure "Out of memory".
+    template <class Fn>
+    bool Guard(Fn&& body) {
+        if (m_failed) return false;
+        try {
+            return body();
+        } catch (const std::bad_alloc&) {
+            return Error("Out of memory");
+        }
+    }
+    void WriteLog(const char* format, std::va_list args) noexcept;
     // Gives back everything but the object itself (a writer whose last Release failed).
     void GiveBackMemory() noexcept;
-    bool Failed() const { return m_failed; }
-    bool OutOfMemory() { return ReportError("Out of memory"); }
 
     bool DeclareElement(int handle, int parentBus, int position, const int64& time);
     bool WritePendingElements();

@@ -12,7 +12,7 @@ bool TypeRegistry::Register(const char* typeInfo, std::int32_t* typeIndex) {
         *typeIndex = found->second;
         return true;
     }
-    if (!TypeHandle::IsWellFormed(typeInfo)) return m_writer.ReportError("Invalid typeinfo '%s'", typeInfo ? typeInfo : "");
+    if (!TypeHandle::IsWellFormed(typeInfo)) return m_writer.Error("Invalid typeinfo '%s'", typeInfo ? typeInfo : "");
     m_types.push_back(TypeHandle(typeInfo));
     const std::int32_t index = static_cast<std::int32_t>(m_types.size());
     try {
@@ -29,15 +29,15 @@ bool TypeRegistry::Register(const char* typeInfo, std::int32_t* typeIndex) {
 bool TypeRegistry::PutValueText(KLineWriter& lines, std::int32_t typeIndex, const unsigned char* bytes) {
     if (typeIndex == m_stdLogic && m_stdLogic != 0) return Format::PutStdLogicText(lines.Stream(), bytes);
     const TypeHandle* type = Find(typeIndex);
-    if (!type) return m_writer.ReportError("Unknown typeindex %d", typeIndex);
+    if (!type) return m_writer.Error("Unknown typeindex %d", typeIndex);
     switch (Format::PutValueText(lines.Stream(), *type, bytes)) {
         case Format::ValueWritten::kDone: return true;
         case Format::ValueWritten::kWriteFailed: return false;
         case Format::ValueWritten::kNoLiteral:
-            return m_writer.ReportError("Cannot convert data %x %x %x %x to string", bytes[0], bytes[1], bytes[2], bytes[3]);
+            return m_writer.Error("Cannot convert data %x %x %x %x to string", bytes[0], bytes[1], bytes[2], bytes[3]);
         case Format::ValueWritten::kNoText: break;
     }
-    return m_writer.ReportError("Impossible error");
+    return m_writer.Error("Impossible error");
 }
 
 }  // namespace Tarvel

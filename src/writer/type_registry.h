@@ -8,15 +8,15 @@
 
 #include "foundation/memory.h"
 #include "typeinfo/type_service.h"
+#include "writer/error_report.h"
 #include "writer/line_writer.h"
 
 namespace Tarvel {
 
-// The writer as the registry sees it: operation 1 reports an error (printf-style, answers
-// false), operation 2 writes a type line.
-class ITypesWriter {
+// The writer as the registry sees it: operation 1 reports an error (IErrorReport::Error,
+// printf-style, answers false), operation 2 writes a type line.
+class ITypesWriter : public IErrorReport {
 public:
-    virtual bool ReportError(const char* format, ...) = 0;
     virtual bool WriteTypeLine(std::int32_t typeIndex, const char* typeInfo) = 0;
 
 protected:

@@ -122,6 +122,9 @@ TEST(TarvelWrite, SmallDesignsMatchTheirGoldenFiles) {
     }
 }
 
+const std::string kLongType = "x#1" + std::string(2000, 'y');
+const std::string kLongRefusal = "Invalid typeinfo '" + kLongType + "'";
+
 // One refusal: the steps that lead to it, its message, as the log must hold it.
 struct Refusal {
     const char* message;
@@ -165,6 +168,7 @@ TEST(TarvelWrite, EveryRefusalLogsItsMessageAloneAndLaterCallsFailQuietly) {
          [&](ITarvelWrite& w) { return w.StoreSignal(2, 0, -1, 0, "untyped", 0) && w.StoreValue(2, one) && w.Flush(); }},
         {"StoreSource called for unknown source 7",  // no callback: no source is known
          [](ITarvelWrite& w) { return w.StoreSource(0) && w.StoreSource(7); }},
+        {kLongRefusal.c_str(), [](ITarvelWrite& w) { return w.SetTypeInfo(1, kLongType.c_str()); }},  // a long message whole
     };
     ScratchFolder folder;
     int n = 0;
