@@ -26,28 +26,28 @@ bool AddChecked(std::int64_t a, std::int64_t b, std::int64_t& sum) {
 
 class TypeParser {
 public:
-    explicit TypeParser(std::string_view text) : text_(text) {}
+    explicit TypeParser(std::string_view text) : m_text(text) {}
 
     // The whole string is one type, with nothing after it.
     bool ParseWhole(KTypeNode& node) { return ParseType(node, 1) && AtEnd(); }
 
 private:
-    bool AtEnd() const { return pos_ >= text_.size(); }
-    char Peek() const { return AtEnd() ? '\0' : text_[pos_]; }
+    bool AtEnd() const { return m_pos >= m_text.size(); }
+    char Peek() const { return AtEnd() ? '\0' : m_text[m_pos]; }
     bool IsDigit() const { return Peek() >= '0' && Peek() <= '9'; }
     bool Accept(char c) {
-        if (AtEnd() || text_[pos_] != c) return false;
-        ++pos_;
+        if (AtEnd() || m_text[m_pos] != c) return false;
+        ++m_pos;
         return true;
     }
 
     // type := kind name body
     bool ParseType(KTypeNode& node, int depth) {
         if (depth > KTypeInfo::kMaxNesting || AtEnd()) return false;
-        const std::size_t start = pos_;
-        const char kindLetter = text_[pos_++];
+        const std::size_t start = m_pos;
+        const char kindLetter = m_text[m_pos++];
         if (!ParseName(node.name) || !ParseBody(kindLetter, node, depth)) return false;
-        node.text.assign(text_.substr(start, pos_ - start));
+        node.text.assign(m_text.substr(start, m_pos - start));
         return true;
     }
 
@@ -81,7 +81,7 @@ private:
         if (!IsDigit()) return false;
         value = 0;
         while (IsDigit()) {
-            value = value * 10 + (text_[pos_++] - '0');
+            value = value * 10 + (m_text[m_pos++] - '0');
             if (value > kMaxCount) return false;
         }
         return true;
@@ -94,7 +94,7 @@ private:
         const std::uint64_t limit = negative ? std::uint64_t{1} << 63 : std::uint64_t(kMaxInt64);
         std::uint64_t magnitude = 0;
         while (IsDigit()) {
-            const unsigned digit = unsigned(text_[pos_++] - '0');
+            const unsigned digit = unsigned(m_text[m_pos++] - '0');
             if (magnitude > (limit - digit) / 10) return false;
             magnitude = magnitude * 10 + digit;
         }
@@ -106,9 +106,9 @@ private:
     bool ParseName(std::string& name) {
         std::int64_t length = 0;
         if (!Accept('#') || !ParseCount(length) || !Accept('#')) return false;
-        if (std::uint64_t(length) > text_.size() - pos_) return false;
-        name.assign(text_.substr(pos_, std::size_t(length)));
-        pos_ += std::size_t(length);
+        if (std::uint64_t(length) > m_text.size() - m_pos) return false;
+        name.assign(m_text.substr(m_pos, std::size_t(length)));
+        m_pos += std::size_t(length);
         return true;
     }
 
@@ -148,9 +148,9 @@ private:
     bool ParseCharacterGroup(std::vector<KLiteral>& literals) {
         std::int64_t count = 0;
         if (!Accept('c') || !ParseCount(count) || !Accept(' ')) return false;
-        if (std::uint64_t(count) > text_.size() - pos_) return false;
+        if (std::uint64_t(count) > m_text.size() - m_pos) return false;
         for (std::int64_t i = 0; i < count; ++i) {
-            const char c = text_[pos_++];
+            const char c = m_text[m_pos++];
             if (c == '\0') return false;
             literals.push_back(KLiteral{std::string(1, c), true});
         }
@@ -194,9 +194,9 @@ private:
     bool ParsePhysicalBody(KTypeNode& node) {
         SetScalar(node, kKindPhysical, 8);
         if (Peek() != '#') return true;
-        const std::size_t start = pos_;
+        const std::size_t start = m_pos;
         if (ParseName(node.unit) && (AtEnd() || Peek() == '#')) return true;
-        pos_ = start;
+        m_pos = start;
         node.unit.clear();
         return true;
     }
@@ -240,8 +240,8 @@ private:
         return true;
     }
 
-    std::string_view text_;
-    std::size_t pos_ = 0;
+    std::string_view m_text;
+    std::size_t m_pos = 0;
 };
 
 }  // namespace

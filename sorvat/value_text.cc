@@ -27,13 +27,13 @@ void StoreLittleEndian(std::uint64_t value, unsigned char* bytes, int count) {
 // Writes NUL-terminated text into a caller's buffer, failing when it does not fit.
 class BufferWriter {
 public:
-    BufferWriter(char* buffer, int size) : buffer_(buffer), size_(buffer ? size : 0) {}
+    BufferWriter(char* buffer, int size) : m_buffer(buffer), m_size(buffer ? size : 0) {}
 
     bool Append(std::string_view text) {
-        if (!ok_ || size_ <= 0 || text.size() >= std::size_t(size_) - used_) return ok_ = false;
-        std::memcpy(buffer_ + used_, text.data(), text.size());
-        used_ += text.size();
-        buffer_[used_] = '\0';
+        if (!m_ok || m_size <= 0 || text.size() >= std::size_t(m_size) - m_used) return m_ok = false;
+        std::memcpy(m_buffer + m_used, text.data(), text.size());
+        m_used += text.size();
+        m_buffer[m_used] = '\0';
         return true;
     }
 
@@ -45,16 +45,16 @@ public:
 
     // Returns true iff `ok` and every append succeeded; otherwise leaves "" in the buffer.
     bool Finish(bool ok) {
-        ok_ = ok_ && ok;
-        if (!ok_ && size_ > 0) buffer_[0] = '\0';
-        return ok_;
+        m_ok = m_ok && ok;
+        if (!m_ok && m_size > 0) m_buffer[0] = '\0';
+        return m_ok;
     }
 
 private:
-    char* buffer_;
-    int size_;
-    std::size_t used_ = 0;
-    bool ok_ = true;
+    char* m_buffer;
+    int m_size;
+    std::size_t m_used = 0;
+    bool m_ok = true;
 };
 
 bool FloatText(double number, BufferWriter& out) {

@@ -172,7 +172,7 @@ public:
 private:
     explicit KTypeInfo(std::shared_ptr<const KTypeNode> node) noexcept;
 
-    std::shared_ptr<const KTypeNode> node_;
+    std::shared_ptr<const KTypeNode> m_node;
 };
 
 }  // namespace Sorvat

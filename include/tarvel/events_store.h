@@ -180,9 +180,10 @@ public:
 
     // Emission: each returns true when every call of the writer returned true.
     bool WriteTimeDelta(ITimeDeltaWriter* writer) const;
-    // REQUIRES: GetSize() != 0.
+    // False at once, calling nothing, when the store keeps no values (GetSize() == 0).
     bool WriteValue(IValueWriter* writer) const;
-    // REQUIRES: Sources().
+    // False at once, calling nothing, when the store keeps no sources (check Sources() first:
+    // a store whose sources are all 0 may keep none).
     bool WriteSource(ISourceWriter* writer) const;
 
     // True exactly when both handles hold the same body.

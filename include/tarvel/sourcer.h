@@ -56,7 +56,7 @@ public:
 private:
     friend class KSourcerAccess;  // the reader's entry points (not exported)
     struct Table;
-    Table* table_;  // never null
+    Table* m_table;  // never null
 };
 
 }  // namespace Tarvel

@@ -13,7 +13,7 @@ constexpr auto kEndsWord = [](unsigned char c) noexcept { return KLexer::IsSpace
 
 }  // namespace
 
-KLexer::KLexer() noexcept : next_(buffer_), end_(buffer_) {}
+KLexer::KLexer() noexcept : m_next(m_buffer), m_end(m_buffer) {}
 
 KLexer::~KLexer() { Close(); }
 
@@ -21,39 +21,39 @@ KLexer::~KLexer() { Close(); }
 
 bool KLexer::Open(const char* fileName) noexcept {
     Close();
-    file_ = Platform::OpenInputFile(fileName);
-    next_ = end_ = buffer_;
-    endPosition_ = 0;
-    hasSaved_ = false;
-    lastRelative_ = 0;
-    return file_ != nullptr;
+    m_file = Platform::OpenInputFile(fileName);
+    m_next = m_end = m_buffer;
+    m_endPosition = 0;
+    m_hasSaved = false;
+    m_lastRelative = 0;
+    return m_file != nullptr;
 }
 
 void KLexer::Close() noexcept {
-    if (file_ != nullptr) Platform::CloseInput(file_);
-    file_ = nullptr;
-    next_ = end_ = buffer_;
+    if (m_file != nullptr) Platform::CloseInput(m_file);
+    m_file = nullptr;
+    m_next = m_end = m_buffer;
 }
 
 bool KLexer::Refill() noexcept {
-    const std::size_t size = file_ != nullptr ? Platform::ReadInput(buffer_, kBufferSize, file_) : 0;
-    next_ = buffer_;
-    end_ = buffer_ + size;
-    endPosition_ += static_cast<std::int64_t>(size);
+    const std::size_t size = m_file != nullptr ? Platform::ReadInput(m_buffer, kBufferSize, m_file) : 0;
+    m_next = m_buffer;
+    m_end = m_buffer + size;
+    m_endPosition += static_cast<std::int64_t>(size);
     return size != 0;
 }
 
 int KLexer::NextSlow() noexcept {
     if (!Refill()) return kEnd;
-    return *next_++;
+    return *m_next++;
 }
 
 bool KLexer::RestorePosition() noexcept {
-    if (!hasSaved_) return true;
-    next_ = end_ = buffer_;
-    if (file_ == nullptr || !Platform::SeekInput(file_, savedPosition_)) return false;
-    endPosition_ = savedPosition_;
-    hasSaved_ = false;
+    if (!m_hasSaved) return true;
+    m_next = m_end = m_buffer;
+    if (m_file == nullptr || !Platform::SeekInput(m_file, m_savedPosition)) return false;
+    m_endPosition = m_savedPosition;
+    m_hasSaved = false;
     return true;
 }
 

@@ -68,14 +68,14 @@ public:
     // saved position and a last relative number of 0 (a file still open is closed first). False
     // when the file cannot be opened.
     bool Open(const char* fileName) noexcept;
-    bool IsOpen() const noexcept { return file_ != nullptr; }
+    bool IsOpen() const noexcept { return m_file != nullptr; }
     // Closes the file and empties the buffer; reads then give kEnd. Nothing happens when closed.
     void Close() noexcept;
 
     // ---- Characters ----
     // The next byte of the file (0 to 255), or kEnd. At the end every call asks the file again.
     int Next() noexcept {
-        if (next_ != end_) return *next_++;
+        if (m_next != m_end) return *m_next++;
         return NextSlow();
     }
 
@@ -83,9 +83,9 @@ public:
     // The unread bytes of the buffer are [Cursor(), BufferEnd()); a caller that parsed some of
     // them in place moves on with Consume(p) (p within that range). The current-character
     // convention does not apply across these calls: the caller holds no character.
-    const unsigned char* Cursor() const noexcept { return next_; }
-    const unsigned char* BufferEnd() const noexcept { return end_; }
-    void Consume(const unsigned char* p) noexcept { next_ = p; }
+    const unsigned char* Cursor() const noexcept { return m_next; }
+    const unsigned char* BufferEnd() const noexcept { return m_end; }
+    void Consume(const unsigned char* p) noexcept { m_next = p; }
 
     // ---- Line structure ----
     // Skips space, tab and CR from `c`. True at any other character; false at LF or kEnd.
@@ -118,20 +118,20 @@ public:
     // the functions of the other files of src/format/, each beside the code that writes it.
 
     // What a "+" difference of a relative integer is added to (format/numbers.h).
-    std::int32_t LastRelative() const noexcept { return lastRelative_; }
-    void SetLastRelative(std::int32_t value) noexcept { lastRelative_ = value; }
+    std::int32_t LastRelative() const noexcept { return m_lastRelative; }
+    void SetLastRelative(std::int32_t value) noexcept { m_lastRelative = value; }
 
     // ---- Positions ----
     // File position of the next unread byte (the byte after `c`): bytes read from the file
     // minus those still unread in the buffer.
-    std::int64_t Position() const noexcept { return endPosition_ - (end_ - next_); }
+    std::int64_t Position() const noexcept { return m_endPosition - (m_end - m_next); }
     // Records Position() as the saved position. The buffer stays; nothing is asked of the file.
     void SavePosition() noexcept {
-        savedPosition_ = Position();
-        hasSaved_ = true;
+        m_savedPosition = Position();
+        m_hasSaved = true;
     }
-    bool HasSavedPosition() const noexcept { return hasSaved_; }
-    std::int64_t SavedPosition() const noexcept { return savedPosition_; }
+    bool HasSavedPosition() const noexcept { return m_hasSaved; }
+    std::int64_t SavedPosition() const noexcept { return m_savedPosition; }
     // Without a saved position: true, nothing moves. Otherwise seeks the file to the saved
     // position and empties the buffer, so the next read gets the file's bytes as they are now
     // (a growing file shows what was appended meanwhile), and forgets the saved position. A
@@ -145,27 +145,27 @@ private:
     // Reads the next block into the buffer. False when nothing arrived (end of file or no file).
     bool Refill() noexcept;
 
-    std::FILE* file_ = nullptr;          // the input file; null when closed
-    std::int64_t savedPosition_ = 0;     // valid while hasSaved_
-    bool hasSaved_ = false;              // a position is saved
-    std::int32_t lastRelative_ = 0;      // what a "+" difference is added to
-    const unsigned char* next_;          // next unread byte of the buffer
-    const unsigned char* end_;           // end of the bytes read into the buffer
-    std::int64_t endPosition_ = 0;       // file position of the byte at end_
-    unsigned char buffer_[kBufferSize];  // the block read last
+    std::FILE* m_file = nullptr;          // the input file; null when closed
+    std::int64_t m_savedPosition = 0;     // valid while m_hasSaved
+    bool m_hasSaved = false;              // a position is saved
+    std::int32_t m_lastRelative = 0;      // what a "+" difference is added to
+    const unsigned char* m_next;          // next unread byte of the buffer
+    const unsigned char* m_end;           // end of the bytes read into the buffer
+    std::int64_t m_endPosition = 0;       // file position of the byte at m_end
+    unsigned char m_buffer[kBufferSize];  // the block read last
 };
 
 template <class Stop>
 int KLexer::AppendUntil(String& out, Stop stop) {
     for (;;) {
-        const unsigned char* at = next_;
-        while (at != end_ && !stop(*at)) ++at;
-        out.append(reinterpret_cast<const char*>(next_), static_cast<std::size_t>(at - next_));
-        if (at != end_) {
-            next_ = at + 1;
+        const unsigned char* at = m_next;
+        while (at != m_end && !stop(*at)) ++at;
+        out.append(reinterpret_cast<const char*>(m_next), static_cast<std::size_t>(at - m_next));
+        if (at != m_end) {
+            m_next = at + 1;
             return *at;
         }
-        next_ = at;
+        m_next = at;
         if (!Refill()) return kEnd;
     }
 }

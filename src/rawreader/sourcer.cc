@@ -26,62 +26,62 @@ struct KSourcer::Table {
     }
 };
 
-KSourcer::KSourcer() : table_(NewObject<Table>()) {}
+KSourcer::KSourcer() : m_table(NewObject<Table>()) {}
 
-KSourcer::KSourcer(const KSourcer& other) : table_(NewObject<Table>(*other.table_)) {}
+KSourcer::KSourcer(const KSourcer& other) : m_table(NewObject<Table>(*other.m_table)) {}
 
 KSourcer& KSourcer::operator=(const KSourcer& other) noexcept {
     // Raising the other's count first keeps the table alive when both are the same.
-    Table* shared = other.table_;
+    Table* shared = other.m_table;
     shared->count.fetch_add(1, std::memory_order_relaxed);
-    table_->Release();
-    table_ = shared;
+    m_table->Release();
+    m_table = shared;
     return *this;
 }
 
-KSourcer::~KSourcer() { table_->Release(); }
+KSourcer::~KSourcer() { m_table->Release(); }
 
 bool KSourcer::Translate(int sourcePoint, const char** fileName, int* line) const {
-    const auto point = table_->points.find(sourcePoint);
-    if (point == table_->points.end()) return false;
-    const auto file = table_->files.find(point->second.first);
-    if (file == table_->files.end()) return false;
+    const auto point = m_table->points.find(sourcePoint);
+    if (point == m_table->points.end()) return false;
+    const auto file = m_table->files.find(point->second.first);
+    if (file == m_table->files.end()) return false;
     if (fileName != nullptr) *fileName = file->second.c_str();
     if (line != nullptr) *line = point->second.second;
     return true;
 }
 
 unsigned int KSourcer::GetSourcePointsCount() const {
-    return static_cast<unsigned int>(table_->points.size());
+    return static_cast<unsigned int>(m_table->points.size());
 }
 
 // ---- The reader's entry points -----------------------------------------------------------------
 
 void KSourcerAccess::MakePrivate(KSourcer& sourcer) {
-    if (sourcer.table_->count.load(std::memory_order_acquire) == 1) return;
-    KSourcer::Table* copy = NewObject<KSourcer::Table>(*sourcer.table_);
-    sourcer.table_->Release();
-    sourcer.table_ = copy;
+    if (sourcer.m_table->count.load(std::memory_order_acquire) == 1) return;
+    KSourcer::Table* copy = NewObject<KSourcer::Table>(*sourcer.m_table);
+    sourcer.m_table->Release();
+    sourcer.m_table = copy;
 }
 
 void KSourcerAccess::EnterFile(KSourcer& sourcer, std::int32_t fileIndex, std::string_view fileName) {
     MakePrivate(sourcer);
     String name(fileName);  // made first, so that a failure leaves the map as it was
-    sourcer.table_->files.insert_or_assign(fileIndex, std::move(name));
+    sourcer.m_table->files.insert_or_assign(fileIndex, std::move(name));
 }
 
 void KSourcerAccess::EnterPoint(KSourcer& sourcer, std::int32_t sourcePoint, std::int32_t fileIndex,
                                 std::int32_t line) {
     MakePrivate(sourcer);
-    sourcer.table_->points.insert_or_assign(sourcePoint, std::make_pair(fileIndex, line));
+    sourcer.m_table->points.insert_or_assign(sourcePoint, std::make_pair(fileIndex, line));
 }
 
 std::uint32_t KSourcerAccess::ShareCount(const KSourcer& sourcer) noexcept {
-    return sourcer.table_->count.load(std::memory_order_acquire);
+    return sourcer.m_table->count.load(std::memory_order_acquire);
 }
 
 std::size_t KSourcerAccess::FileCount(const KSourcer& sourcer) noexcept {
-    return sourcer.table_->files.size();
+    return sourcer.m_table->files.size();
 }
 
 }  // namespace Tarvel

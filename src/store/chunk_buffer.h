@@ -8,6 +8,7 @@
 #ifndef TARVEL_STORE_CHUNK_BUFFER_H
 #define TARVEL_STORE_CHUNK_BUFFER_H
 
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -42,6 +43,7 @@ public:
 
     // REQUIRES: HasRoom(n).
     void Append(const unsigned char* bytes, std::uint32_t n) {
+        assert(HasRoom(n));
         while (n > 0) {
             const std::uint32_t offset = static_cast<std::uint32_t>(m_size & kChunkMask);
             const std::uint32_t take = n < kChunkSize - offset ? n : kChunkSize - offset;
@@ -53,7 +55,11 @@ public:
     }
 
     // REQUIRES: HasRoom(1).
-    void PushByte(unsigned char byte) { m_chunks[m_size >> ChunkBits][m_size & kChunkMask] = byte; ++m_size; }
+    void PushByte(unsigned char byte) {
+        assert(HasRoom(1));
+        m_chunks[m_size >> ChunkBits][m_size & kChunkMask] = byte;
+        ++m_size;
+    }
 
     // A pointer at the end of the stream when `n` bytes fit there in the current allocation, or
     // null. The caller writes up to `n` bytes there and then calls Advance with the count.
@@ -66,7 +72,10 @@ public:
     void Advance(std::uint32_t n) { m_size += n; }
 
     // Drops the last byte. REQUIRES: !empty().
-    void PopByte() { --m_size; }
+    void PopByte() {
+        assert(m_size > 0);
+        --m_size;
+    }
 
     unsigned char Byte(std::uint64_t pos) const { return m_chunks[pos >> ChunkBits][pos & kChunkMask]; }
 

@@ -4,6 +4,7 @@
 #ifndef TARVEL_STORE_EVENT_APPEND_H
 #define TARVEL_STORE_EVENT_APPEND_H
 
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 
@@ -36,6 +37,7 @@ inline bool ValuesReady(KEventsStoreBody& body) {
 
 // Codes one step. REQUIRES: the time-delta store is ready to append.
 inline void AppendStep(KEventsStoreBody& body, int64 time, int delta) {
+    assert(body.timeDeltas.ReadyToAppend());
     const std::uint32_t d = static_cast<std::uint32_t>(delta) & 0xFFFF;
     KTimeDeltaStore& steps = body.timeDeltas;
     body.lastPushedTime = time;

@@ -1,5 +1,6 @@
 // Store bodies: pool allocation, reference counting, the memo of shared modifications and the
 // origin links. Store layer; every function named ...Locked requires StoreSpinLock.
+#include <cassert>
 #include "store/events_store_body.h"
 
 #include <new>
@@ -71,6 +72,8 @@ KEventsStoreBody* LookupLocked(const KEventsStoreBody* body, const ModificationR
 
 // Enters record -> result in body's memo and links result back. Strong guarantee.
 void InsertLocked(KEventsStoreBody* body, const ModificationRecord& record, KEventsStoreBody* result) {
+    // The invariant: an origin link exactly for a memo entry, so a result has none yet.
+    assert(result->origin == nullptr && LookupLocked(body, record) == nullptr);
     OriginLink* link = new (g_originPool.allocate()) OriginLink{body, record};
     try {
         ModificationMemo* memo = body->memo.load(std::memory_order_relaxed);
@@ -106,6 +109,7 @@ void InsertLocked(KEventsStoreBody* body, const ModificationRecord& record, KEve
 // now holds) and frees the result's origin link.
 KEventsStoreBody* RemoveEntryLocked(KEventsStoreBody* origin, const ModificationRecord& record) {
     ModificationMemo* memo = origin->memo.load(std::memory_order_relaxed);
+    assert(memo != nullptr && LookupLocked(origin, record) != nullptr);
     KEventsStoreBody* result = nullptr;
     if (memo->flags & ModificationMemo::kSingle) {
         result = memo->singleResult;
@@ -116,6 +120,7 @@ KEventsStoreBody* RemoveEntryLocked(KEventsStoreBody* origin, const Modification
         memo->map->erase(it);
         if (memo->map->empty()) FreeMemoLocked(origin, memo);
     }
+    assert(result->origin != nullptr && result->origin->origin == origin);
     FreeOriginLocked(result);
     return result;
 }

@@ -9,6 +9,7 @@
 #ifndef TARVEL_STORE_RUN_FINDER_H
 #define TARVEL_STORE_RUN_FINDER_H
 
+#include <cassert>
 #include <cstdint>
 
 #include "tarvel/config.h"
@@ -70,6 +71,7 @@ public:
 
     // The held-back item at `offset` from the first one held. REQUIRES: offset < Held().
     const T& HeldItem(std::uint64_t offset) const {
+        assert(offset < Held());
         if (!m_inRun) return m_items[offset];
         const std::uint64_t inRun = m_repetitions * m_length;
         return offset < inRun ? m_pattern[offset % m_length] : m_pattern[offset - inRun];

@@ -1,5 +1,6 @@
 // The time-delta store's coder, direct appends, cursor steps and emission.
 // Store layer; not thread-safe (see the header).
+#include <cassert>
 #include "store/time_delta_store.h"
 
 #include <limits>
@@ -108,6 +109,7 @@ void KTimeDeltaStore::Run(const TimeDelta* pattern, unsigned length, std::uint64
 
 void KTimeDeltaStore::AppendRepeat(const TimeDelta* pattern, unsigned length, std::uint64_t repetitions,
                                    unsigned (*encode)(unsigned char*, const TimeDelta&)) {
+    assert(m_bytes.HasRoom(kMaxRepeatBytes));
     if (length > kMaxPatternLength) length = kMaxPatternLength;  // patterns never exceed it
     unsigned char code[kMaxRepeatBytes];
     unsigned n = EncodeRepeatHeader(code, length, repetitions);

@@ -8,6 +8,7 @@
 #ifndef TARVEL_STORE_VALUE_STORE_H
 #define TARVEL_STORE_VALUE_STORE_H
 
+#include <cassert>
 #include <cstdint>
 
 #include "store/packer.h"
@@ -169,7 +170,10 @@ public:
     int GetSecondSize() const override { return kValueBytes; }
     std::int64_t Count() const override { return m_store.Count(); }
     void PrepareAppend() override { m_store.PrepareAppend(); }
-    void AppendValue(const unsigned char* value) override { m_store.Append(PackBytes::Load<Word>(value)); }
+    void AppendValue(const unsigned char* value) override {
+        assert(m_store.ReadyToAppend());
+        m_store.Append(PackBytes::Load<Word>(value));
+    }
     void FinishValues() override { m_store.Finish(); }
     void ReopenValues() override {}
     bool AppendRepeatedValues(int length, int64 count, const unsigned char* const* values) override {

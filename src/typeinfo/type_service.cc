@@ -23,20 +23,20 @@ bool IsStdLogicTypeString(const char* text) {
            (std::strcmp(text, kStdLogicTypeString) == 0 || std::strcmp(text, kStdLogicSubtypeString) == 0);
 }
 
-TypeHandle::TypeHandle(const char* text) : info_(text) {}
+TypeHandle::TypeHandle(const char* text) : m_info(text) {}
 
 bool TypeHandle::IsWellFormed(const char* text) { return Sorvat::KTypeInfo::CheckTypeInfo(text); }
 
 bool TypeHandle::ValueText(const unsigned char* value, std::string& text) const {
     text.assign(TextCapacity(Text()), '\0');
-    const bool ok = info_.GetValueString_OldFormatLen(text.data(), int(text.size()), value, 0, 0);
+    const bool ok = m_info.GetValueString_OldFormatLen(text.data(), int(text.size()), value, 0, 0);
     text.resize(ok ? std::strlen(text.c_str()) : 0);
     return ok;
 }
 
 std::string TypeHandle::ChildName(std::int64_t child) const {
     std::string name(TextCapacity(Text()), '\0');
-    const bool ok = info_.GetChildName(child, name.data(), int(name.size()));
+    const bool ok = m_info.GetChildName(child, name.data(), int(name.size()));
     name.resize(ok ? std::strlen(name.c_str()) : 0);
     return name;
 }

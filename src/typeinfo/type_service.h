@@ -44,20 +44,20 @@ public:
     // Returns true iff `text` is a well-formed type-information string.
     static bool IsWellFormed(const char* text);
 
-    bool IsValid() const { return info_.IsValid(); }
+    bool IsValid() const { return m_info.IsValid(); }
     // One of TypeKind.
-    int Kind() const { return info_.GetKind(); }
-    bool IsScalar() const { return info_.IsScalar(); }
+    int Kind() const { return m_info.GetKind(); }
+    bool IsScalar() const { return m_info.IsScalar(); }
     // Bytes of one value (0 for access, file and opaque types).
-    std::int64_t ValueSize() const { return info_.GetSimpleSize_OldFormat(); }
+    std::int64_t ValueSize() const { return m_info.GetSimpleSize_OldFormat(); }
     // The type-information string; "" when invalid. Lives as long as the handle or a copy.
-    const char* Text() const { return info_.GetTypeInfoString(); }
+    const char* Text() const { return m_info.GetTypeInfoString(); }
     // Returns true iff the string is one of the two std_logic spellings.
     bool IsStdLogic() const { return IsStdLogicTypeString(Text()); }
     // Returns true iff every literal is a character among "UX01ZWLH-".
-    bool AllowsStdLogicConversion() const { return info_.IsStdLogicConversionAllowed(); }
+    bool AllowsStdLogicConversion() const { return m_info.IsStdLogicConversionAllowed(); }
     // Returns true iff the enumeration value (4 bytes) names a character literal.
-    bool IsCharValue(const unsigned char* value) const { return info_.IsCharValue(value); }
+    bool IsCharValue(const unsigned char* value) const { return m_info.IsCharValue(value); }
 
     // Sets `text` to the text of a scalar value (ValueSize() bytes at `value`): an enumeration
     // literal as written, or a number. Returns false (text cleared) when there is none.
@@ -65,25 +65,25 @@ public:
     // Writes the text of the enumeration literal at the value's position (4 bytes at `value`)
     // into `buffer` (NUL-terminated); false when it is no literal or the buffer is too small.
     bool LiteralText(const unsigned char* value, char* buffer, int size) const {
-        return info_.GetValueString_OldFormatLen(buffer, size, value, 0, 0);
+        return m_info.GetValueString_OldFormatLen(buffer, size, value, 0, 0);
     }
     // Writes the ValueSize() bytes of the value that `text` names into `buffer`; false when
     // `text` is no value of the type or the buffer is smaller than ValueSize().
     bool TextToValue(const char* text, unsigned char* buffer, int bufferSize) const {
-        return info_.GetBytes_OldFormat(text, buffer, bufferSize);
+        return m_info.GetBytes_OldFormat(text, buffer, bufferSize);
     }
 
     // Elements of an array (all dimensions) or fields of a record; 0 for other kinds.
-    std::int64_t ChildCount() const { return info_.GetNbOfChildren(); }
+    std::int64_t ChildCount() const { return m_info.GetNbOfChildren(); }
     // Name of a child relative to this type: "(7)", "(1,0)" or a field name; "" out of range.
     std::string ChildName(std::int64_t child) const;
     // Type of a child; invalid out of range.
-    TypeHandle ChildType(std::int64_t child) const { return TypeHandle(info_.GetChildType(child)); }
+    TypeHandle ChildType(std::int64_t child) const { return TypeHandle(m_info.GetChildType(child)); }
 
 private:
-    explicit TypeHandle(Sorvat::KTypeInfo info) : info_(std::move(info)) {}
+    explicit TypeHandle(Sorvat::KTypeInfo info) : m_info(std::move(info)) {}
 
-    Sorvat::KTypeInfo info_;
+    Sorvat::KTypeInfo m_info;
 };
 
 }  // namespace Tarvel

@@ -10,6 +10,7 @@
 #ifndef TARVEL_WRITER_EVENT_STAGE_H
 #define TARVEL_WRITER_EVENT_STAGE_H
 
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 
@@ -123,11 +124,13 @@ public:
 
     // Appends an event. REQUIRES: HasRoom().
     void Add(std::uint32_t slot, int64 time, std::uint32_t delta, std::uint64_t value) {
+        assert(HasRoom() && slot < m_counts.size());
         ++m_counts[slot];
         m_hasWide |= (value >> 32) != 0;
         m_events[m_eventCount++] = Event{slot, PointOf(time, delta), value};
     }
     void AddWithSource(std::uint32_t slot, int64 time, std::uint32_t delta, std::uint64_t value, std::int32_t source) {
+        assert(HasRoom() && slot < m_counts.size());
         ++m_counts[slot];
         m_hasWide = true;
         m_sources[m_sourceCount++] = source;

@@ -16,28 +16,28 @@
 namespace Tarvel {
 
 KLineWriter::KLineWriter(KOutputStream& stream, IErrorReport& reporter, bool timed) noexcept
-    : stream_(stream), reporter_(reporter), timed_(timed) {}
+    : m_stream(stream), m_reporter(reporter), m_timed(timed) {}
 
 // ---- Fields ------------------------------------------------------------------------------------
 
-bool KLineWriter::EndLine() { return stream_.Write(Format::kLineEnd); }
+bool KLineWriter::EndLine() { return m_stream.Write(Format::kLineEnd); }
 
-bool KLineWriter::PutInteger(std::int32_t value) { return Format::PutInteger(stream_, value); }
+bool KLineWriter::PutInteger(std::int32_t value) { return Format::PutInteger(m_stream, value); }
 
-bool KLineWriter::PutWide(std::int64_t value) { return Format::PutWide(stream_, value); }
+bool KLineWriter::PutWide(std::int64_t value) { return Format::PutWide(m_stream, value); }
 
-bool KLineWriter::PutRelative(std::int32_t value) { return Format::PutRelative(stream_, value, previousRelative_); }
+bool KLineWriter::PutRelative(std::int32_t value) { return Format::PutRelative(m_stream, value, m_previousRelative); }
 
-bool KLineWriter::PutEventTime(std::int64_t time) { return Format::PutEventTime(stream_, time); }
+bool KLineWriter::PutEventTime(std::int64_t time) { return Format::PutEventTime(m_stream, time); }
 
-bool KLineWriter::PutString(std::string_view text) { return Format::PutString(stream_, text); }
+bool KLineWriter::PutString(std::string_view text) { return Format::PutString(m_stream, text); }
 
-bool KLineWriter::PutName(std::string_view name) { return Format::PutName(stream_, name, previousName_); }
+bool KLineWriter::PutName(std::string_view name) { return Format::PutName(m_stream, name, m_previousName); }
 
 bool KLineWriter::PutIndexList(const std::int32_t* values, std::size_t count) {
-    switch (Format::PutIndexList(stream_, values, count, previousRelative_)) {
+    switch (Format::PutIndexList(m_stream, values, count, m_previousRelative)) {
         case Format::ListWritten::kDone: return true;
-        case Format::ListWritten::kDoubleIndex: return reporter_.Error(Format::kMessageDoubleIndex);
+        case Format::ListWritten::kDoubleIndex: return m_reporter.Error(Format::kMessageDoubleIndex);
         case Format::ListWritten::kWriteFailed: break;
     }
     return false;
@@ -59,7 +59,7 @@ std::string_view KLineWriter::FormatTimePoint(std::int64_t step, int delta, char
         end = std::to_chars(end, limit, delta).ptr;
     }
     const std::size_t fullLength = static_cast<std::size_t>(end - full);
-    const KTimePointDictionary::Use use = dictionary_.Lookup(step, delta, fullLength);
+    const KTimePointDictionary::Use use = m_dictionary.Lookup(step, delta, fullLength);
     const bool keep = use.settled && delta == 0 && step >= 0 && step < kKeptSteps;
     if (use.slot < 0) {
         if (keep) KeepPointText(step, {full, fullLength});
@@ -81,42 +81,42 @@ std::string_view KLineWriter::FormatTimePoint(std::int64_t step, int delta, char
 }
 
 void KLineWriter::KeepPointText(std::int64_t step, std::string_view text) noexcept {
-    PointText& kept = pointTexts_[step];
+    PointText& kept = m_pointTexts[step];
     if (text.size() > sizeof(kept.text)) return;
     std::memcpy(kept.text, text.data(), text.size());
     kept.length = static_cast<std::uint8_t>(text.size());
 }
 
 bool KLineWriter::PutTimePoint(std::int64_t step, int delta) {
-    if (delta == 0 && step >= 0 && step < kKeptSteps && pointTexts_[step].length != 0) {
-        return stream_.Write(pointTexts_[step].text, pointTexts_[step].length);
+    if (delta == 0 && step >= 0 && step < kKeptSteps && m_pointTexts[step].length != 0) {
+        return m_stream.Write(m_pointTexts[step].text, m_pointTexts[step].length);
     }
     char text[kPointRoom];
-    return stream_.Write(FormatTimePoint(step, delta, text));
+    return m_stream.Write(FormatTimePoint(step, delta, text));
 }
 
 // ---- Header and declarations -----------------------------------------------------------------
 
 bool KLineWriter::PutKeyword(std::string_view word) {
-    return stream_.Put(Format::kKeywordLead) && stream_.Write(word);
+    return m_stream.Put(Format::kKeywordLead) && m_stream.Write(word);
 }
 
 bool KLineWriter::WriteKeywordLine(std::string_view word) { return PutKeyword(word) && EndLine(); }
 
 bool KLineWriter::WriteHeader() {
-    return stream_.Write(timed_ ? Format::kHeaderTimed : Format::kHeaderUntimed) && EndLine();
+    return m_stream.Write(m_timed ? Format::kHeaderTimed : Format::kHeaderUntimed) && EndLine();
 }
 
 bool KLineWriter::WriteResolution(std::int64_t resolution) {
-    if (resolutionWritten_) return resolution == resolution_;
-    resolutionWritten_ = true;
-    resolution_ = resolution;
+    if (m_resolutionWritten) return resolution == m_resolution;
+    m_resolutionWritten = true;
+    m_resolution = resolution;
     return PutKeyword(Format::kResolution) && PutSpace() && PutWide(resolution) && EndLine();
 }
 
 bool KLineWriter::WriteTypeLine(std::int32_t typeIndex, std::string_view typeInfo) {
-    return stream_.Put(Format::kTypeLead) && PutSpace() && PutInteger(typeIndex) && PutSpace() &&
-           Format::PutTypeString(stream_, typeInfo) && EndLine();
+    return m_stream.Put(Format::kTypeLead) && PutSpace() && PutInteger(typeIndex) && PutSpace() &&
+           Format::PutTypeString(m_stream, typeInfo) && EndLine();
 }
 
 bool KLineWriter::PutDeclarationFields(const DeclarationFields& fields) {
@@ -128,8 +128,8 @@ bool KLineWriter::PutDeclarationFields(const DeclarationFields& fields) {
         if (!PutSpace() || !PutInteger(fields.trailing[0]) || !PutSpace() || !PutInteger(fields.trailing[1])) {
             return false;
         }
-        const bool writeTime = !timed_ && fields.time != lastDeclarationTime_;
-        lastDeclarationTime_ = fields.time;
+        const bool writeTime = !m_timed && fields.time != m_lastDeclarationTime;
+        m_lastDeclarationTime = fields.time;
         if (writeTime && !(PutSpace() && PutWide(fields.time))) return false;
     }
     return EndLine();
@@ -137,25 +137,25 @@ bool KLineWriter::PutDeclarationFields(const DeclarationFields& fields) {
 
 bool KLineWriter::WriteSignalDeclaration(const DeclarationFields& fields) {
     const std::string_view word = Format::ModeWordFor(fields.mode, false);
-    if (word.empty()) return reporter_.Error(Format::kMessageUnknownMode, fields.mode);
+    if (word.empty()) return m_reporter.Error(Format::kMessageUnknownMode, fields.mode);
     return PutKeyword(word) && PutDeclarationFields(fields);
 }
 
 bool KLineWriter::WriteBusDeclaration(const DeclarationFields& fields) {
     const std::string_view word = Format::ModeWordFor(fields.mode, true);
-    if (word.empty()) return reporter_.Error(Format::kMessageUnknownMode, fields.mode);
-    hasLastBus_ = true;
-    lastBus_ = fields.handle;
-    return PutKeyword(Format::kBus) && PutSpace() && stream_.Write(word) && PutDeclarationFields(fields);
+    if (word.empty()) return m_reporter.Error(Format::kMessageUnknownMode, fields.mode);
+    m_hasLastBus = true;
+    m_lastBus = fields.handle;
+    return PutKeyword(Format::kBus) && PutSpace() && m_stream.Write(word) && PutDeclarationFields(fields);
 }
 
 bool KLineWriter::WriteScalarElement(std::int32_t handle, std::int32_t value) {
-    return stream_.Put(Format::kScalarElementLead) && PutSpace() && PutRelative(handle) && PutSpace() &&
+    return m_stream.Put(Format::kScalarElementLead) && PutSpace() && PutRelative(handle) && PutSpace() &&
            PutInteger(value) && EndLine();
 }
 
 bool KLineWriter::WriteElementList(std::int32_t bus, const std::int32_t* handles, std::size_t count) {
-    if (hasLastBus_ && bus == lastBus_) {
+    if (m_hasLastBus && bus == m_lastBus) {
         return PutKeyword(Format::kElementList) && PutIndexList(handles, count) && EndLine();
     }
     return PutKeyword(Format::kElementListOfBus) && PutSpace() && PutRelative(bus) &&
@@ -174,7 +174,7 @@ bool KLineWriter::WriteChild(std::int32_t first, std::int32_t second, std::int32
 
 bool KLineWriter::WriteProperty(std::int64_t time, const std::int32_t* handles, std::size_t count,
                                 std::string_view name, std::string_view value) {
-    return stream_.Put(Format::kPropertyLead) && PutSpace() && PutWide(time) &&
+    return m_stream.Put(Format::kPropertyLead) && PutSpace() && PutWide(time) &&
            PutIndexList(handles, count) && PutSpace() && PutString(name) && PutSpace() &&
            PutString(value) && EndLine();
 }
@@ -203,13 +203,13 @@ bool KLineWriter::WriteEndLine() { return WriteKeywordLine(Format::kEnd); }
 
 bool KLineWriter::WriteTimePointLine(std::int64_t step, int delta) {
     if (delta == 0 && step >= 0 && step < kKeptSteps) {
-        const PointText& kept = pointTexts_[step];
+        const PointText& kept = m_pointTexts[step];
         if (kept.length != 0) {
-            if (char* at = stream_.Reserve(sizeof(PointText) + 2)) {
+            if (char* at = m_stream.Reserve(sizeof(PointText) + 2)) {
                 std::memcpy(at, &kept, sizeof(PointText));
                 at[kept.length] = Format::kLineEnd[0];
                 at[kept.length + 1] = Format::kLineEnd[1];
-                stream_.Advance(kept.length + 2u);
+                m_stream.Advance(kept.length + 2u);
                 return true;
             }
         }
@@ -220,10 +220,10 @@ bool KLineWriter::WriteTimePointLine(std::int64_t step, int delta) {
     char* end = text + (point.data() - text) + point.size();
     end[0] = Format::kLineEnd[0];
     end[1] = Format::kLineEnd[1];
-    return stream_.Write(point.data(), point.size() + 2);
+    return m_stream.Write(point.data(), point.size() + 2);
 }
 
-bool KLineWriter::BeginRun(int length, std::int64_t count) { return Format::PutRunHeader(stream_, length, count); }
+bool KLineWriter::BeginRun(int length, std::int64_t count) { return Format::PutRunHeader(m_stream, length, count); }
 
 bool KLineWriter::WriteTimeRun(int length, std::int64_t count, const TimeStep* steps) {
     if (!BeginRun(length, count)) return false;
@@ -233,7 +233,7 @@ bool KLineWriter::WriteTimeRun(int length, std::int64_t count, const TimeStep* s
     return EndLine();
 }
 
-bool KLineWriter::WriteCountLine(std::int32_t count) { return Format::PutCountRecord(stream_, count) && EndLine(); }
+bool KLineWriter::WriteCountLine(std::int32_t count) { return Format::PutCountRecord(m_stream, count) && EndLine(); }
 
 bool KLineWriter::WriteSourceItemLine(std::int32_t source) { return PutInteger(source) && EndLine(); }
 
@@ -248,13 +248,13 @@ bool KLineWriter::WriteSourceRun(int length, std::int64_t count, const std::int3
 // ---- End of a commit ---------------------------------------------------------------------------
 
 bool KLineWriter::WriteEndTime(std::int64_t time) {
-    lastEndTime_ = time;
+    m_lastEndTime = time;
     return PutKeyword(Format::kEndTime) && PutSpace() && PutWide(time) && EndLine();
 }
 
 bool KLineWriter::Commit(std::int64_t currentTime, FlushCallback flush) {
-    if (timed_ && currentTime != lastEndTime_ && !WriteEndTime(currentTime)) return false;
-    return stream_.Commit(flush);
+    if (m_timed && currentTime != m_lastEndTime && !WriteEndTime(currentTime)) return false;
+    return m_stream.Commit(flush);
 }
 
 }  // namespace Tarvel

@@ -54,15 +54,15 @@ public:
     // `stream` and `reporter` must outlive the line writer. `timed`: the file is a timed file.
     KLineWriter(KOutputStream& stream, IErrorReport& reporter, bool timed) noexcept;
 
-    KOutputStream& Stream() noexcept { return stream_; }
+    KOutputStream& Stream() noexcept { return m_stream; }
     // Time of the long-form declaration written last (0 before any).
-    std::int64_t LastDeclarationTime() const noexcept { return lastDeclarationTime_; }
-    bool IsTimed() const noexcept { return timed_; }
+    std::int64_t LastDeclarationTime() const noexcept { return m_lastDeclarationTime; }
+    bool IsTimed() const noexcept { return m_timed; }
 
     // ---- Fields ----
-    bool PutText(std::string_view text) { return stream_.Write(text); }
-    bool PutChar(char c) { return stream_.Put(c); }
-    bool PutSpace() { return stream_.Put(' '); }
+    bool PutText(std::string_view text) { return m_stream.Write(text); }
+    bool PutChar(char c) { return m_stream.Put(c); }
+    bool PutSpace() { return m_stream.Put(' '); }
     bool EndLine();
     // Plain integer (32-bit) and wide integer (64-bit), decimal.
     bool PutInteger(std::int32_t value);
@@ -98,7 +98,7 @@ public:
     bool WriteElementList(std::int32_t bus, const std::int32_t* handles, std::size_t count);
     bool WriteElementEnd(std::int32_t handle, std::int64_t time);           // $ENDSC handle time
     // Forgets the bus declared last (after its element lines have been written).
-    void ForgetLastBus() noexcept { hasLastBus_ = false; }
+    void ForgetLastBus() noexcept { m_hasLastBus = false; }
     bool WriteChild(std::int32_t first, std::int32_t second, std::int32_t third);
     // P time list name value
     bool WriteProperty(std::int64_t time, const std::int32_t* handles, std::size_t count,
@@ -121,7 +121,7 @@ public:
 
     // ---- End of a commit ----
     bool WriteEndTime(std::int64_t time);  // $ENDTIME time; remembers the time
-    std::int64_t LastEndTime() const noexcept { return lastEndTime_; }
+    std::int64_t LastEndTime() const noexcept { return m_lastEndTime; }
     // The commit protocol: in a timed file first the end-time line when `currentTime` differs
     // from the end time written last, then KOutputStream::Commit.
     bool Commit(std::int64_t currentTime, FlushCallback flush);
@@ -146,19 +146,19 @@ private:
     static_assert(sizeof(PointText) == 16, "copied as one block");
     static constexpr std::int64_t kKeptSteps = 4096;
 
-    KOutputStream& stream_;
-    IErrorReport& reporter_;
-    const bool timed_;                        // timed file: declarations carry no time
-    std::int32_t previousRelative_ = 0;       // the previous relative integer of the file
-    String previousName_;                     // the previous name of a declaration line
-    std::int64_t lastDeclarationTime_ = 0;    // time of the long-form declaration written last
-    bool resolutionWritten_ = false;          // a "$RESOLUTION" line exists
-    std::int64_t resolution_ = 0;             // ...with this value
-    std::int64_t lastEndTime_ = 0;            // the end time written last
-    bool hasLastBus_ = false;                 // lastBus_ holds the bus declared last
-    std::int32_t lastBus_ = 0;
-    KTimePointDictionary dictionary_;         // time points of all event blocks of the file
-    PointText pointTexts_[kKeptSteps] = {};   // indexed by step
+    KOutputStream& m_stream;
+    IErrorReport& m_reporter;
+    const bool m_timed;                        // timed file: declarations carry no time
+    std::int32_t m_previousRelative = 0;       // the previous relative integer of the file
+    String m_previousName;                     // the previous name of a declaration line
+    std::int64_t m_lastDeclarationTime = 0;    // time of the long-form declaration written last
+    bool m_resolutionWritten = false;          // a "$RESOLUTION" line exists
+    std::int64_t m_resolution = 0;             // ...with this value
+    std::int64_t m_lastEndTime = 0;            // the end time written last
+    bool m_hasLastBus = false;                 // m_lastBus holds the bus declared last
+    std::int32_t m_lastBus = 0;
+    KTimePointDictionary m_dictionary;         // time points of all event blocks of the file
+    PointText m_pointTexts[kKeptSteps] = {};   // indexed by step
 };
 
 }  // namespace Tarvel

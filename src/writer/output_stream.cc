@@ -2,49 +2,52 @@
 // Single-threaded: one stream per writer.
 #include "writer/output_stream.h"
 
+#include <cassert>
+
 #include "foundation/platform_file.h"
 #include "format/vocabulary.h"
 
 namespace Tarvel {
 
 KOutputStream::KOutputStream(IErrorReport& reporter) noexcept
-    : reporter_(reporter), cursor_(buffer_), limit_(buffer_) {}
+    : m_reporter(reporter), m_cursor(m_buffer), m_limit(m_buffer) {}
 
 KOutputStream::~KOutputStream() {
-    if (file_ != nullptr) Close();
+    if (m_file != nullptr) Close();
 }
 
 bool KOutputStream::Open(const char* fileName) {
+    assert(m_file == nullptr);
     const Platform::OutputFile opened = Platform::OpenOutputFile(fileName);
-    if (opened.stream == nullptr) return reporter_.Error(Format::kMessageCannotOpen);
-    file_ = opened.stream;
-    commitToDisk_ = opened.commitToDisk;
-    failed_ = false;
-    cursor_ = buffer_;
+    if (opened.stream == nullptr) return m_reporter.Error(Format::kMessageCannotOpen);
+    m_file = opened.stream;
+    m_commitToDisk = opened.commitToDisk;
+    m_failed = false;
+    m_cursor = m_buffer;
     UpdateLimit();
     return true;
 }
 
 void KOutputStream::UpdateLimit() noexcept {
-    const bool fastPath = file_ != nullptr && !failed_ && pending_ == 0;
-    limit_ = fastPath ? buffer_ + kBufferSize : cursor_;
+    const bool fastPath = m_file != nullptr && !m_failed && m_pending == 0;
+    m_limit = fastPath ? m_buffer + kBufferSize : m_cursor;
 }
 
 bool KOutputStream::Fail(const char* message) {
     // Give up the buffer before reporting: the reporter may close the stream, and what failed to
     // go out once must not be written again behind a partial write.
-    failed_ = true;
-    cursor_ = buffer_;
+    m_failed = true;
+    m_cursor = m_buffer;
     UpdateLimit();
-    return reporter_.Error(message);
+    return m_reporter.Error(message);
 }
 
 bool KOutputStream::TakePendingByte(const char*& data, std::size_t& size) {
     // The handed byte becomes the displaced byte; the pending byte goes in its place.
-    displaced_ = *data;
-    hasDisplaced_ = true;
-    const char mark = pending_;
-    pending_ = 0;
+    m_displaced = *data;
+    m_hasDisplaced = true;
+    const char mark = m_pending;
+    m_pending = 0;
     ++data;
     --size;
     UpdateLimit();
@@ -53,14 +56,14 @@ bool KOutputStream::TakePendingByte(const char*& data, std::size_t& size) {
 
 bool KOutputStream::WriteSlow(const char* data, std::size_t size) {
     if (size == 0) return true;
-    if (file_ == nullptr || failed_) return reporter_.Error(Format::kMessageCannotWrite);
-    if (pending_ != 0 && !TakePendingByte(data, size)) return false;
+    if (m_file == nullptr || m_failed) return m_reporter.Error(Format::kMessageCannotWrite);
+    if (m_pending != 0 && !TakePendingByte(data, size)) return false;
     while (size != 0) {
-        if (cursor_ == buffer_ + kBufferSize && !WriteOut()) return false;
-        const std::size_t room = static_cast<std::size_t>(buffer_ + kBufferSize - cursor_);
+        if (m_cursor == m_buffer + kBufferSize && !WriteOut()) return false;
+        const std::size_t room = static_cast<std::size_t>(m_buffer + kBufferSize - m_cursor);
         const std::size_t part = size < room ? size : room;
-        std::memcpy(cursor_, data, part);
-        cursor_ += part;
+        std::memcpy(m_cursor, data, part);
+        m_cursor += part;
         data += part;
         size -= part;
     }
@@ -69,46 +72,46 @@ bool KOutputStream::WriteSlow(const char* data, std::size_t size) {
 }
 
 bool KOutputStream::WriteOut() {
-    if (file_ == nullptr || failed_) return reporter_.Error(Format::kMessageCannotWrite);
-    const std::size_t size = static_cast<std::size_t>(cursor_ - buffer_);
-    if (size != 0 && Platform::WriteFile(buffer_, size, file_) != size) {
+    if (m_file == nullptr || m_failed) return m_reporter.Error(Format::kMessageCannotWrite);
+    const std::size_t size = static_cast<std::size_t>(m_cursor - m_buffer);
+    if (size != 0 && Platform::WriteFile(m_buffer, size, m_file) != size) {
         return Fail(Format::kMessageCannotWrite);
     }
-    cursor_ = buffer_;
+    m_cursor = m_buffer;
     UpdateLimit();
     return true;
 }
 
 bool KOutputStream::FlushQuietly() {
-    if (!Platform::FlushFile(file_)) return false;
-    return !commitToDisk_ || Platform::CommitToDisk(file_);
+    if (!Platform::FlushFile(m_file)) return false;
+    return !m_commitToDisk || Platform::CommitToDisk(m_file);
 }
 
 bool KOutputStream::Flush() {
-    if (file_ == nullptr || failed_) return reporter_.Error(Format::kMessageCannotWriteDisk);
-    if (!WriteOut()) return reporter_.Error(Format::kMessageCannotWriteDisk);
+    if (m_file == nullptr || m_failed) return m_reporter.Error(Format::kMessageCannotWriteDisk);
+    if (!WriteOut()) return m_reporter.Error(Format::kMessageCannotWriteDisk);
     if (!FlushQuietly()) return Fail(Format::kMessageCannotWriteDisk);
     return true;
 }
 
 std::int64_t KOutputStream::Tell() {
-    if (file_ == nullptr || !WriteOut()) return -1;
-    return Platform::TellFile(file_);
+    if (m_file == nullptr || !WriteOut()) return -1;
+    return Platform::TellFile(m_file);
 }
 
 bool KOutputStream::Close() {
-    std::FILE* file = file_;
+    std::FILE* file = m_file;
     if (file == nullptr) return false;
-    file_ = nullptr;  // from here on the stream is closed, also for a reporter called meanwhile
-    const std::size_t size = static_cast<std::size_t>(cursor_ - buffer_);
-    bool ok = !failed_ && (size == 0 || Platform::WriteFile(buffer_, size, file) == size);
+    m_file = nullptr;  // from here on the stream is closed, also for a reporter called meanwhile
+    const std::size_t size = static_cast<std::size_t>(m_cursor - m_buffer);
+    bool ok = !m_failed && (size == 0 || Platform::WriteFile(m_buffer, size, file) == size);
     ok = Platform::FlushFile(file) && ok;
-    if (ok && commitToDisk_) ok = Platform::CommitToDisk(file);
+    if (ok && m_commitToDisk) ok = Platform::CommitToDisk(file);
     ok = Platform::CloseFile(file) && ok;
-    cursor_ = buffer_;
-    pending_ = 0;
-    hasDisplaced_ = false;
-    resumable_ = false;
+    m_cursor = m_buffer;
+    m_pending = 0;
+    m_hasDisplaced = false;
+    m_resumable = false;
     UpdateLimit();
     return ok;
 }
@@ -116,9 +119,9 @@ bool KOutputStream::Close() {
 bool KOutputStream::RestoreDisplacedByte(std::int64_t position, char byte) {
     // The buffer is empty here (the flush before wrote it out), so the byte goes straight to the
     // C stream at the old terminator and the stream returns to the end.
-    const std::int64_t end = Platform::TellFile(file_);
-    const bool ok = Platform::SeekFile(file_, position) && Platform::WriteFile(&byte, 1, file_) == 1 &&
-                    FlushQuietly() && Platform::SeekFile(file_, end);
+    const std::int64_t end = Platform::TellFile(m_file);
+    const bool ok = Platform::SeekFile(m_file, position) && Platform::WriteFile(&byte, 1, m_file) == 1 &&
+                    FlushQuietly() && Platform::SeekFile(m_file, end);
     if (!ok) return Fail(Format::kMessagePreviousTell);
     return true;
 }
@@ -126,32 +129,32 @@ bool KOutputStream::RestoreDisplacedByte(std::int64_t position, char byte) {
 bool KOutputStream::Commit(FlushCallback flush) {
     if (!flush()) return false;
     if (!WriteOut()) return false;
-    const std::int64_t previous = commitPosition_;
-    commitPosition_ = file_ != nullptr ? Platform::TellFile(file_) : -1;
-    const bool hadDisplaced = hasDisplaced_;
-    const char displaced = displaced_;
-    hasDisplaced_ = false;
-    pending_ = 0;
+    const std::int64_t previous = m_commitPosition;
+    m_commitPosition = m_file != nullptr ? Platform::TellFile(m_file) : -1;
+    const bool hadDisplaced = m_hasDisplaced;
+    const char displaced = m_displaced;
+    m_hasDisplaced = false;
+    m_pending = 0;
     UpdateLimit();
     if (!Write(Format::kTerminatorLine)) return false;
-    resumable_ = true;
-    if (!committed_) {
-        committed_ = true;
+    m_resumable = true;
+    if (!m_committed) {
+        m_committed = true;
         return flush();
     }
     if (!flush()) return false;
     if (hadDisplaced && !RestoreDisplacedByte(previous, displaced)) return false;
-    pending_ = Format::kCommitMark;
+    m_pending = Format::kCommitMark;
     UpdateLimit();
     return true;
 }
 
 bool KOutputStream::Resume() {
-    if (!resumable_) return true;
+    if (!m_resumable) return true;
     if (!WriteOut()) return false;
-    if (!Platform::SeekFile(file_, commitPosition_)) return false;
-    resumable_ = false;
-    pending_ = Format::kCommitMark;
+    if (!Platform::SeekFile(m_file, m_commitPosition)) return false;
+    m_resumable = false;
+    m_pending = Format::kCommitMark;
     UpdateLimit();
     return true;
 }

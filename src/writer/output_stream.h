@@ -53,16 +53,16 @@ public:
     // Opens `fileName` for binary writing (Platform::OpenOutputFile decides the commit mode).
     // REQUIRES: no file open. Reports "Cannot open output file" on failure.
     bool Open(const char* fileName);
-    bool IsOpen() const noexcept { return file_ != nullptr; }
+    bool IsOpen() const noexcept { return m_file != nullptr; }
     // True when every flush is followed by a commit to disk (network file system).
-    bool CommitsToDisk() const noexcept { return commitToDisk_; }
+    bool CommitsToDisk() const noexcept { return m_commitToDisk; }
 
     // Appends `size` bytes. Fails with "Cannot write to output file" when no file is open, the
     // stream failed before, or the buffer cannot be written out.
     bool Write(const char* data, std::size_t size) {
-        if (size != 0 && size <= static_cast<std::size_t>(limit_ - cursor_)) {
-            std::memcpy(cursor_, data, size);
-            cursor_ += size;
+        if (size != 0 && size <= static_cast<std::size_t>(m_limit - m_cursor)) {
+            std::memcpy(m_cursor, data, size);
+            m_cursor += size;
             return true;
         }
         return WriteSlow(data, size);
@@ -71,12 +71,12 @@ public:
     // Room for `size` bytes at the end of the buffer on the fast path, or null. The caller
     // writes there and then calls Advance with the number of bytes it keeps.
     char* Reserve(std::size_t size) noexcept {
-        return size <= static_cast<std::size_t>(limit_ - cursor_) ? cursor_ : nullptr;
+        return size <= static_cast<std::size_t>(m_limit - m_cursor) ? m_cursor : nullptr;
     }
-    void Advance(std::size_t size) noexcept { cursor_ += size; }
+    void Advance(std::size_t size) noexcept { m_cursor += size; }
     bool Put(char c) {
-        if (cursor_ != limit_) {
-            *cursor_++ = c;
+        if (m_cursor != m_limit) {
+            *m_cursor++ = c;
             return true;
         }
         return WriteSlow(&c, 1);
@@ -111,9 +111,9 @@ public:
 
     // Position of the last terminator written by Commit; 0 before the first commit, -1 when the
     // position could not be taken.
-    std::int64_t CommitPosition() const noexcept { return commitPosition_; }
+    std::int64_t CommitPosition() const noexcept { return m_commitPosition; }
     // True when the file ends with the terminator of a commit that was not resumed since.
-    bool EndsWithTerminator() const noexcept { return resumable_ && file_ != nullptr; }
+    bool EndsWithTerminator() const noexcept { return m_resumable && m_file != nullptr; }
 
 private:
     bool WriteSlow(const char* data, std::size_t size);
@@ -124,19 +124,19 @@ private:
     // Lets Write use the fast path again when nothing forces the slow one.
     void UpdateLimit() noexcept;
 
-    IErrorReport& reporter_;
-    std::FILE* file_ = nullptr;       // the open stream; null before Open and after Close
-    bool commitToDisk_ = false;       // follow each flush by Platform::CommitToDisk
-    bool failed_ = false;             // a write or reposition failed: no more output
-    char* cursor_;                    // next free byte of buffer_
-    char* limit_;                     // end of the fast path: buffer end, or cursor_ to force the slow path
-    char pending_ = 0;                // replacement byte for the next byte written; 0 for none
-    bool hasDisplaced_ = false;       // displaced_ holds a byte
-    char displaced_ = 0;              // the byte the pending byte took the place of
-    bool committed_ = false;          // at least one commit has been made
-    bool resumable_ = false;          // a commit was made since the last resume
-    std::int64_t commitPosition_ = 0;  // P: start of the last terminator
-    char buffer_[kBufferSize];        // bytes not yet handed to the C stream
+    IErrorReport& m_reporter;
+    std::FILE* m_file = nullptr;       // the open stream; null before Open and after Close
+    bool m_commitToDisk = false;       // follow each flush by Platform::CommitToDisk
+    bool m_failed = false;             // a write or reposition failed: no more output
+    char* m_cursor;                    // next free byte of m_buffer
+    char* m_limit;                     // end of the fast path: buffer end, or m_cursor to force the slow path
+    char m_pending = 0;                // replacement byte for the next byte written; 0 for none
+    bool m_hasDisplaced = false;       // m_displaced holds a byte
+    char m_displaced = 0;              // the byte the pending byte took the place of
+    bool m_committed = false;          // at least one commit has been made
+    bool m_resumable = false;          // a commit was made since the last resume
+    std::int64_t m_commitPosition = 0;  // P: start of the last terminator
+    char m_buffer[kBufferSize];        // bytes not yet handed to the C stream
 };
 
 }  // namespace Tarvel

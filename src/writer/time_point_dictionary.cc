@@ -38,9 +38,9 @@ int DigitCount(int value) noexcept {
 template <class Key>
 typename KTimePointDictionary::Table<Key>::Entry* KTimePointDictionary::Table<Key>::Probe(
     const Key& key) {
-    const std::size_t mask = entries_.size() - 1;
+    const std::size_t mask = m_entries.size() - 1;
     for (std::size_t at = static_cast<std::size_t>(HashOf(key) >> 32) & mask;; at = (at + 1) & mask) {
-        Entry& entry = entries_[at];
+        Entry& entry = m_entries[at];
         if (entry.slot == kEmpty || entry.key == key) return &entry;
     }
 }
@@ -48,23 +48,23 @@ typename KTimePointDictionary::Table<Key>::Entry* KTimePointDictionary::Table<Ke
 template <class Key>
 void KTimePointDictionary::Table<Key>::Rebuild(std::size_t capacity) {
     // Taken points move over; candidates stay behind when the table is at its limit.
-    const bool keepCandidates = capacity > entries_.size();
+    const bool keepCandidates = capacity > m_entries.size();
     Vector<Entry> previous(capacity, Entry{Key{}, kEmpty});
-    previous.swap(entries_);  // entries_ is the fresh table now
-    used_ = 0;
+    previous.swap(m_entries);  // m_entries is the fresh table now
+    m_used = 0;
     for (const Entry& entry : previous) {
         if (entry.slot == kEmpty || (entry.slot == kSeen && !keepCandidates)) continue;
         *Probe(entry.key) = entry;
-        ++used_;
+        ++m_used;
     }
 }
 
 template <class Key>
 void KTimePointDictionary::Table<Key>::Reserve() {
-    if (entries_.empty()) {
+    if (m_entries.empty()) {
         Rebuild(kFirstCapacity);
-    } else if ((used_ + 1) * 2 > entries_.size()) {
-        Rebuild(entries_.size() < kMaxCapacity ? entries_.size() * 2 : entries_.size());
+    } else if ((m_used + 1) * 2 > m_entries.size()) {
+        Rebuild(m_entries.size() < kMaxCapacity ? m_entries.size() * 2 : m_entries.size());
     }
 }
 
@@ -72,22 +72,22 @@ template <class Key>
 typename KTimePointDictionary::Table<Key>::Entry* KTimePointDictionary::Table<Key>::Find(
     const Key& key, bool insert, bool* inserted) {
     *inserted = false;
-    Entry* entry = entries_.empty() ? nullptr : Probe(key);
+    Entry* entry = m_entries.empty() ? nullptr : Probe(key);
     if (entry != nullptr && entry->slot != kEmpty) return entry;
     if (!insert) return nullptr;
-    if (entry == nullptr || (used_ + 1) * 2 > entries_.size()) {
+    if (entry == nullptr || (m_used + 1) * 2 > m_entries.size()) {
         Reserve();
         entry = Probe(key);
     }
     *entry = Entry{key, kSeen};
-    ++used_;
+    ++m_used;
     *inserted = true;
     return entry;
 }
 
 bool KTimePointDictionary::WorthTaking(std::size_t fullLength) const noexcept {
-    if (nextSlot_ >= kSlotLimit) return false;
-    return static_cast<std::size_t>(1 + DigitCount(nextSlot_)) < fullLength;
+    if (m_nextSlot >= kSlotLimit) return false;
+    return static_cast<std::size_t>(1 + DigitCount(m_nextSlot)) < fullLength;
 }
 
 template <class Key>
@@ -104,34 +104,34 @@ KTimePointDictionary::Use KTimePointDictionary::LookupIn(Table<Key>& table, cons
     // First use: written in full and remembered as a candidate.
     if (inserted || !worth) return Use{-1, false, !worth};
     // Second use of a candidate: take it.
-    entry->slot = nextSlot_++;
+    entry->slot = m_nextSlot++;
     return Use{entry->slot, true, true};
 }
 
 KTimePointDictionary::Use KTimePointDictionary::Lookup(std::int64_t step, std::int32_t delta,
                                                        std::size_t fullLength) {
-    if (cacheValid_ && step == cacheStep_ && delta == cacheDelta_) return Use{cacheSlot_, false, true};
+    if (m_cacheValid && step == m_cacheStep && delta == m_cacheDelta) return Use{m_cacheSlot, false, true};
     Use use{-1, false, false};
     const bool narrow = step >= 0 && step < (std::int64_t{1} << 31);
     const auto narrowStep = static_cast<std::uint32_t>(step);
     if (delta == 0) {
-        use = narrow ? LookupIn(deltaZeroNarrow_, narrowStep, fullLength)
-                     : LookupIn(deltaZeroWide_, step, fullLength);
+        use = narrow ? LookupIn(m_deltaZeroNarrow, narrowStep, fullLength)
+                     : LookupIn(m_deltaZeroWide, step, fullLength);
     } else if (delta == 1) {
-        use = narrow ? LookupIn(deltaOneNarrow_, narrowStep, fullLength)
-                     : LookupIn(deltaOneWide_, step, fullLength);
+        use = narrow ? LookupIn(m_deltaOneNarrow, narrowStep, fullLength)
+                     : LookupIn(m_deltaOneWide, step, fullLength);
     } else if (narrow) {
         const std::uint64_t key =
             (std::uint64_t{narrowStep} << 32) | static_cast<std::uint32_t>(delta);
-        use = LookupIn(otherNarrow_, key, fullLength);
+        use = LookupIn(m_otherNarrow, key, fullLength);
     } else {
-        use = LookupIn(otherWide_, WideKey{step, delta}, fullLength);
+        use = LookupIn(m_otherWide, WideKey{step, delta}, fullLength);
     }
     if (use.slot >= 0) {
-        cacheValid_ = true;
-        cacheStep_ = step;
-        cacheDelta_ = delta;
-        cacheSlot_ = use.slot;
+        m_cacheValid = true;
+        m_cacheStep = step;
+        m_cacheDelta = delta;
+        m_cacheSlot = use.slot;
     }
     return use;
 }

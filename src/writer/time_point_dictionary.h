@@ -43,7 +43,7 @@ public:
     Use Lookup(std::int64_t step, std::int32_t delta, std::size_t fullLength);
 
     // Number of slots given so far.
-    int SlotCount() const noexcept { return nextSlot_; }
+    int SlotCount() const noexcept { return m_nextSlot; }
 
     // One table of points with keys of type Key (see the .cc for the key types).
     template <class Key>
@@ -65,8 +65,8 @@ public:
         void Rebuild(std::size_t capacity);
         Entry* Probe(const Key& key);
 
-        Vector<Entry> entries_;   // capacity a power of two (or 0); empty entries have slot kEmpty
-        std::size_t used_ = 0;    // entries that are not empty
+        Vector<Entry> m_entries;   // capacity a power of two (or 0); empty entries have slot kEmpty
+        std::size_t m_used = 0;    // entries that are not empty
     };
 
 private:
@@ -80,17 +80,17 @@ private:
         bool operator==(const WideKey&) const = default;
     };
 
-    Table<std::uint32_t> deltaZeroNarrow_;  // delta 0, step below 2^31
-    Table<std::int64_t> deltaZeroWide_;     // delta 0, other steps
-    Table<std::uint32_t> deltaOneNarrow_;   // delta 1, step below 2^31
-    Table<std::int64_t> deltaOneWide_;      // delta 1, other steps
-    Table<std::uint64_t> otherNarrow_;      // other deltas, step below 2^31: step << 32 | delta
-    Table<WideKey> otherWide_;              // other deltas, other steps
-    int nextSlot_ = 0;                      // the slot the next taken point gets
-    bool cacheValid_ = false;               // the cache holds a point that has a slot
-    std::int64_t cacheStep_ = 0;            // the point found or taken last...
-    std::int32_t cacheDelta_ = 0;
-    int cacheSlot_ = 0;                     // ...and its slot
+    Table<std::uint32_t> m_deltaZeroNarrow;  // delta 0, step below 2^31
+    Table<std::int64_t> m_deltaZeroWide;     // delta 0, other steps
+    Table<std::uint32_t> m_deltaOneNarrow;   // delta 1, step below 2^31
+    Table<std::int64_t> m_deltaOneWide;      // delta 1, other steps
+    Table<std::uint64_t> m_otherNarrow;      // other deltas, step below 2^31: step << 32 | delta
+    Table<WideKey> m_otherWide;              // other deltas, other steps
+    int m_nextSlot = 0;                      // the slot the next taken point gets
+    bool m_cacheValid = false;               // the cache holds a point that has a slot
+    std::int64_t m_cacheStep = 0;            // the point found or taken last...
+    std::int32_t m_cacheDelta = 0;
+    int m_cacheSlot = 0;                     // ...and its slot
 };
 
 }  // namespace Tarvel

@@ -64,59 +64,59 @@ struct Signal {
 // A random design written through the writer, with the model of what a reader must present.
 class Design {
 public:
-    Design(std::uint64_t seed, const std::string& path, bool follow) : rng_(seed), path_(path), follow_(follow) {
-        timed_ = rng_() % 2;
-        w_ = timed_ ? CreateStreamWriteTimed(path.c_str(), &sources_) : CreateStreamWrite(path.c_str());
-        W(w_ != nullptr);
+    Design(std::uint64_t seed, const std::string& path, bool follow) : m_rng(seed), m_path(path), m_follow(follow) {
+        m_timed = m_rng() % 2;
+        m_w = m_timed ? CreateStreamWriteTimed(path.c_str(), &m_sources) : CreateStreamWrite(path.c_str());
+        W(m_w != nullptr);
     }
-    ~Design() { w_ && w_->Release(); }
+    ~Design() { m_w && m_w->Release(); }
 
     // Writes the whole file; while following, a reader checks every commit on the way.
     void Run() {
-        if (rng_() % 3 == 0) W(w_->SetResolution(resolution_ = std::vector<int64>{1, 10, 1000000}[rng_() % 3]));
+        if (m_rng() % 3 == 0) W(m_w->SetResolution(m_resolution = std::vector<int64>{1, 10, 1000000}[m_rng() % 3]));
         for (const char* name : {"Project", "TopLevel"}) {
-            if (rng_() % 3 == 0) AddProperty(-1, name, "top \"x\"", 0);
+            if (m_rng() % 3 == 0) AddProperty(-1, name, "top \"x\"", 0);
         }
-        for (int phase = 1 + rng_() % 4; phase > 0; --phase) {
-            for (int n = 2 + rng_() % 8; n > 0; --n) Declare();
-            for (int n = rng_() % 30; n > 0; --n) Step();
+        for (int phase = 1 + m_rng() % 4; phase > 0; --phase) {
+            for (int n = 2 + m_rng() % 8; n > 0; --n) Declare();
+            for (int n = m_rng() % 30; n > 0; --n) Step();
         }
         Commit(false);
-        ITarvelWrite* w = w_;
-        w_ = nullptr;
+        ITarvelWrite* w = m_w;
+        m_w = nullptr;
         W(w->Release());
-        if (follower_) Check(false);
+        if (m_follower) Check(false);
     }
 
     std::string Expected() const {
-        std::string o = "file timed=" + std::to_string(timed_) + " resolution=" + std::to_string(resolution_) +
-                        " end=" + std::to_string(end_) + "\n";
+        std::string o = "file timed=" + std::to_string(m_timed) + " resolution=" + std::to_string(m_resolution) +
+                        " end=" + std::to_string(m_end) + "\n";
         for (const char* name : {"Project", "TopLevel"}) {
-            if (top_.count(name)) o += std::string("top ") + name + "=" + top_.at(name) + "\n";
+            if (m_top.count(name)) o += std::string("top ") + name + "=" + m_top.at(name) + "\n";
         }
-        for (std::size_t i = 0; i < types_.size(); ++i) o += "type " + std::to_string(i + 1) + " " + types_[i] + "\n";
-        for (const int& h : order_) {
-            const Signal& s = signals_.at(h);
+        for (std::size_t i = 0; i < m_types.size(); ++i) o += "type " + std::to_string(i + 1) + " " + m_types[i] + "\n";
+        for (const int& h : m_order) {
+            const Signal& s = m_signals.at(h);
             std::map<std::string, std::string> properties = s.properties;
             if (s.vbus) properties["VBus"] = "1";
-            o += "signal " + std::to_string(h) + " nr=" + std::to_string(&h - order_.data()) + " name=" + s.name +
+            o += "signal " + std::to_string(h) + " nr=" + std::to_string(&h - m_order.data()) + " name=" + s.name +
                  " type=" + (s.type ? std::to_string(s.type) : "none") +
                  " parent=" + (s.parent < 0 ? "-" : std::to_string(s.parent)) + " pos=" + std::to_string(s.position) +
                  " children=" + std::to_string(s.children) + " end=" + std::to_string(s.end) + "\n";
             for (const auto& [name, value] : properties) o += "  prop " + name + "=" + value + "\n";
             if (!s.events.empty()) o += "  events size=" + std::to_string(s.kind < kReal ? 4 : 8) + ":" + s.events + "\n";
         }
-        for (const std::string& p : propertyLines_) o += p;
-        for (std::size_t i = 0; i < sourceLines_.size(); ++i) o += "source " + std::to_string(i + 1) + " " + sourceLines_[i] + "\n";
+        for (const std::string& p : m_propertyLines) o += p;
+        for (std::size_t i = 0; i < m_sourceLines.size(); ++i) o += "source " + std::to_string(i + 1) + " " + m_sourceLines[i] + "\n";
         return o;
     }
 
 private:
     int NewHandle() {
         do {
-            lastHandle_ = rng_() % 4 ? lastHandle_ + 1 + static_cast<int>(rng_() % 3) : static_cast<int>(rng_() % 1000000);
-        } while (signals_.count(lastHandle_));
-        return lastHandle_;
+            m_lastHandle = m_rng() % 4 ? m_lastHandle + 1 + static_cast<int>(m_rng() % 3) : static_cast<int>(m_rng() % 1000000);
+        } while (m_signals.count(m_lastHandle));
+        return m_lastHandle;
     }
 
     // Names that share a front and a back with the one before, now and then with bytes to quote.
@@ -124,82 +124,82 @@ private:
         static const char kChars[] = "abcxyz_019. \"\\\xe9\n";
         auto piece = [&](std::size_t n) {
             std::string s;
-            while (n-- > 0) s += kChars[rng_() % (rng_() % 3 ? 10 : sizeof kChars - 1)];
+            while (n-- > 0) s += kChars[m_rng() % (m_rng() % 3 ? 10 : sizeof kChars - 1)];
             return s;
         };
-        const std::size_t n = lastName_.size(), front = rng_() % (n + 1), back = rng_() % (n - front + 1);
-        switch (rng_() % 5) {
+        const std::size_t n = m_lastName.size(), front = m_rng() % (n + 1), back = m_rng() % (n - front + 1);
+        switch (m_rng() % 5) {
             case 0: break;
-            case 1: lastName_ = piece(rng_() % 10); break;
-            case 2: lastName_ = "top.u" + std::to_string(rng_() % 20) + ".s"; break;
-            default: lastName_ = lastName_.substr(0, front) + piece(rng_() % 4) + lastName_.substr(n - back); break;
+            case 1: m_lastName = piece(m_rng() % 10); break;
+            case 2: m_lastName = "top.u" + std::to_string(m_rng() % 20) + ".s"; break;
+            default: m_lastName = m_lastName.substr(0, front) + piece(m_rng() % 4) + m_lastName.substr(n - back); break;
         }
-        return lastName_;
+        return m_lastName;
     }
 
     int64 DeclarationTime() {
-        switch (rng_() % 4) {
-            case 0: return lastTime_;
-            case 1: return time_;
-            case 2: return static_cast<int64>(rng_() % 1000);
-            default: return 1000000000000 + static_cast<int64>(rng_() % 1000);
+        switch (m_rng() % 4) {
+            case 0: return m_lastTime;
+            case 1: return m_time;
+            case 2: return static_cast<int64>(m_rng() % 1000);
+            default: return 1000000000000 + static_cast<int64>(m_rng() % 1000);
         }
     }
 
     int Type(int handle, const std::string& text) {
-        W(w_->SetTypeInfo(handle, text.c_str()));
-        const auto it = std::find(types_.begin(), types_.end(), text);
-        if (it != types_.end()) return static_cast<int>(it - types_.begin()) + 1;
-        types_.push_back(text);
-        return static_cast<int>(types_.size());
+        W(m_w->SetTypeInfo(handle, text.c_str()));
+        const auto it = std::find(m_types.begin(), m_types.end(), text);
+        if (it != m_types.end()) return static_cast<int>(it - m_types.begin()) + 1;
+        m_types.push_back(text);
+        return static_cast<int>(m_types.size());
     }
 
     void Add(int handle, Signal s, bool pending = false) {
-        s.pattern = static_cast<int>(rng_() % 4);
-        signals_[handle] = std::move(s);
+        s.pattern = static_cast<int>(m_rng() % 4);
+        m_signals[handle] = std::move(s);
         if (!pending) WritePendingElements();
-        (pending ? pending_ : order_).push_back(handle);
-        if (signals_[handle].kind >= 0) scalars_.push_back(handle);
+        (pending ? m_pending : m_order).push_back(handle);
+        if (m_signals[handle].kind >= 0) m_scalars.push_back(handle);
     }
 
     void WritePendingElements() {
-        for (int h : pending_) order_.push_back(h), ++signals_[pendingBus_].children;
-        pending_.clear();
-        pendingBus_ = -1;
+        for (int h : m_pending) m_order.push_back(h), ++m_signals[m_pendingBus].children;
+        m_pending.clear();
+        m_pendingBus = -1;
     }
 
     void Declare() {
-        const int h = NewHandle(), mode = static_cast<int>(rng_() % 8), pick = static_cast<int>(rng_() % 12);
+        const int h = NewHandle(), mode = static_cast<int>(m_rng() % 8), pick = static_cast<int>(m_rng() % 12);
         const int64 time = DeclarationTime();
         const std::string name = NewName();
         if (pick < 5) {  // a scalar signal, at the top or below another signal or below an unknown handle
             Signal s;
-            s.kind = static_cast<int>(rng_() % 8);
+            s.kind = static_cast<int>(m_rng() % 8);
             s.type = Type(h, kScalar[s.kind]);
-            const int where = rng_() % 10;
-            const int parent = where < 7 || tops_.empty() ? -1 : where < 9 ? tops_[rng_() % tops_.size()] : 5000000 + where;
-            s.position = parent < 0 ? 0 : static_cast<int>(rng_() % 10);
-            W(w_->StoreSignal(h, mode, parent, s.position, name.c_str(), time));
+            const int where = m_rng() % 10;
+            const int parent = where < 7 || m_tops.empty() ? -1 : where < 9 ? m_tops[m_rng() % m_tops.size()] : 5000000 + where;
+            s.position = parent < 0 ? 0 : static_cast<int>(m_rng() % 10);
+            W(m_w->StoreSignal(h, mode, parent, s.position, name.c_str(), time));
             s.parent = parent < 5000000 ? parent : -1;  // a known signal takes the child; else none
             if (s.parent < 0) s.position = 0;
-            else ++signals_[parent].children;
+            else ++m_signals[parent].children;
             Declared(h, s, name, time);
-            if (parent < 0) tops_.push_back(h);
+            if (parent < 0) m_tops.push_back(h);
         } else if (pick < 7) {  // a bus of an array or record type
-            const std::string low = std::to_string(static_cast<int>(rng_() % 9) - 3), high = std::to_string(rng_() % 6);
+            const std::string low = std::to_string(static_cast<int>(m_rng() % 9) - 3), high = std::to_string(m_rng() % 6);
             const std::string text = std::vector<std::string>{
                 "a#3#slv[" + high + "d0]e#9#std_logicc9 UX01ZWLH-", "a#4#nibs[" + low + "t" + high + "]e#4#fourc4 01XZ",
                 "a#4#ints[" + high + "d" + low + "]i#7#integer",
-                "r#6#packet2#4#addri#7#integer#4#datae#4#fourc4 01XZ"}[rng_() % 4];
+                "r#6#packet2#4#addri#7#integer#4#datae#4#fourc4 01XZ"}[m_rng() % 4];
             Signal s;
             s.type = Type(h, text);
             const int width = static_cast<int>(TypeHandle(text.c_str()).ChildCount());
-            W(w_->StoreBus(h, mode, rng_() % 2 ? width : 0, -1, 0, name.c_str(), time));
+            W(m_w->StoreBus(h, mode, m_rng() % 2 ? width : 0, -1, 0, name.c_str(), time));
             Declared(h, s, name, time);
-            buses_[h] = {text, time, s.end, std::vector<int>(width, 0)};
-        } else if (pick < 9 && !buses_.empty()) {  // elements of a bus declared before
-            auto bus = std::next(buses_.begin(), static_cast<long>(rng_() % buses_.size()));
-            for (int n = 1 + rng_() % 4, p = static_cast<int>(rng_() % bus->second.taken.size()); n > 0; --n, p = (p + 1) % static_cast<int>(bus->second.taken.size())) {
+            m_buses[h] = {text, time, s.end, std::vector<int>(width, 0)};
+        } else if (pick < 9 && !m_buses.empty()) {  // elements of a bus declared before
+            auto bus = std::next(m_buses.begin(), static_cast<long>(m_rng() % m_buses.size()));
+            for (int n = 1 + m_rng() % 4, p = static_cast<int>(m_rng() % bus->second.taken.size()); n > 0; --n, p = (p + 1) % static_cast<int>(bus->second.taken.size())) {
                 if (bus->second.taken[p]++) continue;
                 const int e = NewHandle();
                 const TypeHandle type = TypeHandle(bus->second.text.c_str()).ChildType(p);
@@ -209,26 +209,26 @@ private:
                 s.name = TypeHandle(bus->second.text.c_str()).ChildName(p);
                 s.parent = bus->first;
                 s.position = p;
-                const int64 at = rng_() % 2 ? bus->second.time : DeclarationTime();
+                const int64 at = m_rng() % 2 ? bus->second.time : DeclarationTime();
                 s.end = at != bus->second.time ? at : bus->second.end;  // "$ENDSC", or the bus's
-                W(w_->StoreSignal(e, mode, bus->first, p, "ignored", at));
-                if (pendingBus_ != bus->first) WritePendingElements();
-                pendingBus_ = bus->first;
+                W(m_w->StoreSignal(e, mode, bus->first, p, "ignored", at));
+                if (m_pendingBus != bus->first) WritePendingElements();
+                m_pendingBus = bus->first;
                 Add(e, s, true);
             }
         } else if (pick < 10) {  // a virtual bus
-            W(w_->StoreBus(h, kPortVirtualBus, static_cast<int>(rng_() % 4), -1, 0, name.c_str(), time));
+            W(m_w->StoreBus(h, kPortVirtualBus, static_cast<int>(m_rng() % 4), -1, 0, name.c_str(), time));
             Signal s;
             s.vbus = true;
             Declared(h, s, name, time);
-            lastVirtualBus_ = h;
-        } else if (lastVirtualBus_ >= 0 && !tops_.empty()) {  // a member of the virtual bus declared last
-            const int member = tops_[rng_() % tops_.size()];
-            tops_.erase(std::find(tops_.begin(), tops_.end(), member));
-            W(w_->StoreProperty(rng_() % 2 ? 0 : time_, member, "VBus", "1"));
+            m_lastVirtualBus = h;
+        } else if (m_lastVirtualBus >= 0 && !m_tops.empty()) {  // a member of the virtual bus declared last
+            const int member = m_tops[m_rng() % m_tops.size()];
+            m_tops.erase(std::find(m_tops.begin(), m_tops.end(), member));
+            W(m_w->StoreProperty(m_rng() % 2 ? 0 : m_time, member, "VBus", "1"));
             WritePendingElements();
-            signals_[member].parent = lastVirtualBus_;
-            signals_[member].position = signals_[lastVirtualBus_].children++;
+            m_signals[member].parent = m_lastVirtualBus;
+            m_signals[member].position = m_signals[m_lastVirtualBus].children++;
         } else {
             Property();
         }
@@ -238,34 +238,34 @@ private:
         s.name = name;
         // An untimed declaration carries its time when it differs from the time of the one before;
         // a declaration without a time gets the default end time ("$ENDTIME" of an untimed file).
-        s.end = timed_ ? 0 : time != lastTime_ ? time : end_;
-        if (!timed_) lastTime_ = time;
+        s.end = m_timed ? 0 : time != m_lastTime ? time : m_end;
+        if (!m_timed) m_lastTime = time;
         Add(h, s);
     }
 
     void Property() {
         static const char* kNames[] = {"Comment", "Measurement", "Stimulator", "EmptyRow", "Expression", "Hidden", "CS", "odd name"};
         static const char* kValues[] = {"1", "0", "a b", "say \"hi\"", "", "x\\y", "two\nlines"};
-        if (signals_.empty()) return;
-        const int h = std::next(signals_.begin(), static_cast<long>(rng_() % signals_.size()))->first;
-        const std::string name = kNames[rng_() % 8];
+        if (m_signals.empty()) return;
+        const int h = std::next(m_signals.begin(), static_cast<long>(m_rng() % m_signals.size()))->first;
+        const std::string name = kNames[m_rng() % 8];
         const bool flag = name == "Hidden" || name == "CS";
-        if (!signals_[h].properties.count(name)) {
-            AddProperty(h, name, kValues[rng_() % (flag ? 2 : 7)], rng_() % 2 ? 0 : 1 + static_cast<int64>(rng_() % 100000));
+        if (!m_signals[h].properties.count(name)) {
+            AddProperty(h, name, kValues[m_rng() % (flag ? 2 : 7)], m_rng() % 2 ? 0 : 1 + static_cast<int64>(m_rng() % 100000));
         }
     }
 
     void AddProperty(int h, const std::string& name, const std::string& value, int64 time) {
-        W(w_->StoreProperty(time, h, name.c_str(), value.c_str()));
-        (h < 0 ? top_ : signals_[h].properties)[name] = value;
+        W(m_w->StoreProperty(time, h, name.c_str(), value.c_str()));
+        (h < 0 ? m_top : m_signals[h].properties)[name] = value;
         if (time != 0) {
             WritePendingElements();
-            propertyLines_.push_back(PropertyLine(h, time, name, value));
+            m_propertyLines.push_back(PropertyLine(h, time, name, value));
             return;
         }
         const std::string key = name + '\0' + value;
-        if (!pendingIndex_.count(key)) pendingIndex_[key] = pendingProperties_.size(), pendingProperties_.push_back({name, value, {}});
-        pendingProperties_[pendingIndex_[key]].handles.insert(h);
+        if (!m_pendingIndex.count(key)) m_pendingIndex[key] = m_pendingProperties.size(), m_pendingProperties.push_back({name, value, {}});
+        m_pendingProperties[m_pendingIndex[key]].handles.insert(h);
     }
 
     static std::string PropertyLine(int h, int64 time, const std::string& name, const std::string& value) {
@@ -275,51 +275,51 @@ private:
     int SourceNumber(int source) {
         const char* file = nullptr;
         int line = 0;
-        if (!timed_ || source == 0 || !sources_.GetSourceLocation(source, &file, &line)) return 0;
-        if (!sourceNumbers_.count(source)) {
+        if (!m_timed || source == 0 || !m_sources.GetSourceLocation(source, &file, &line)) return 0;
+        if (!m_sourceNumbers.count(source)) {
             std::string key = file;
             for (char& c : key) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-            if (!fileSpelling_.count(key)) fileSpelling_[key] = file;
-            sourceNumbers_[source] = static_cast<int>(sourceLines_.size()) + 1;
-            sourceLines_.push_back(fileSpelling_[key] + ":" + std::to_string(line));
+            if (!m_fileSpelling.count(key)) m_fileSpelling[key] = file;
+            m_sourceNumbers[source] = static_cast<int>(m_sourceLines.size()) + 1;
+            m_sourceLines.push_back(m_fileSpelling[key] + ":" + std::to_string(line));
         }
-        return sourceNumbers_[source];
+        return m_sourceNumbers[source];
     }
 
     // One (time, delta) with events of some signals, then now and then a flush, commit or more.
     void Step() {
         static const int64 kGaps[] = {0, 5, 10, 1000, 5000, 1000000};
-        const int64 gap = rng_() % 4 ? kGaps[rng_() % 6] : static_cast<int64>(rng_() % 100000);
+        const int64 gap = m_rng() % 4 ? kGaps[m_rng() % 6] : static_cast<int64>(m_rng() % 100000);
         if (gap == 0) {
-            W(w_->SetDelta(delta_ += 1 + static_cast<unsigned>(rng_() % 300)));
+            W(m_w->SetDelta(m_delta += 1 + static_cast<unsigned>(m_rng() % 300)));
         } else {
-            W(rng_() % 2 ? w_->SetTime(time_ += gap) : w_->MoveTime(gap));
-            time_ = w_->GetTime();
-            delta_ = 0;
+            W(m_rng() % 2 ? m_w->SetTime(m_time += gap) : m_w->MoveTime(gap));
+            m_time = m_w->GetTime();
+            m_delta = 0;
         }
         static const double kChance[] = {0.9, 0.5, 0.2, 0.03};
-        for (int h : scalars_) {
-            Signal& s = signals_[h];
-            if (std::uniform_real_distribution<>(0, 1)(rng_) < kChance[s.pattern]) Store(h, s);
+        for (int h : m_scalars) {
+            Signal& s = m_signals[h];
+            if (std::uniform_real_distribution<>(0, 1)(m_rng) < kChance[s.pattern]) Store(h, s);
         }
-        switch (rng_() % 16) {
+        switch (m_rng() % 16) {
             case 0:
-                W(w_->Flush());
+                W(m_w->Flush());
                 Flushed();
-                if (follower_) Check(false);
+                if (m_follower) Check(false);
                 break;
             case 1: Commit(true); break;
             case 2:
-                W(w_->FlushDeclarations());
+                W(m_w->FlushDeclarations());
                 WritePendingElements();
                 break;
             case 3: Property(); break;
             case 4: Declare(); break;
-            case 5: if (!timed_) W(w_->SetDefaultEndTime(end_ = static_cast<int64>(rng_() % 100000))); break;
+            case 5: if (!m_timed) W(m_w->SetDefaultEndTime(m_end = static_cast<int64>(m_rng() % 100000))); break;
             case 6:  // ahead of time, a source the callback knows (an unknown one stops the writer)
-                if (timed_) {
-                    const int source = 1 + static_cast<int>(rng_() % 50);
-                    W(w_->StoreSource(source));
+                if (m_timed) {
+                    const int source = 1 + static_cast<int>(m_rng() % 50);
+                    W(m_w->StoreSource(source));
                     SourceNumber(source);
                 }
                 break;
@@ -331,75 +331,75 @@ private:
         std::uint64_t& v = s.value;
         const bool clock = s.pattern == 0, counter = s.pattern == 1;
         if (s.kind < 4) {
-            v = clock ? (v == 2 ? 3 : 2) % kLiterals[s.kind] : counter ? (v + 1) % kLiterals[s.kind] : rng_() % kLiterals[s.kind];
+            v = clock ? (v == 2 ? 3 : 2) % kLiterals[s.kind] : counter ? (v + 1) % kLiterals[s.kind] : m_rng() % kLiterals[s.kind];
         } else if (s.kind == kReal) {
             double d;
             std::memcpy(&d, &v, 8);
             char text[32];
-            std::snprintf(text, sizeof text, "%de%d", static_cast<int>(rng_() % 2000000) - 1000000, static_cast<int>(rng_() % 60) - 30);
-            d = clock ? (d == 0.25 ? -0.5 : 0.25) : counter ? d + 0.25 : rng_() % 50 ? std::strtod(text, nullptr) : rng_() % 2 ? -0.0 : HUGE_VAL;
+            std::snprintf(text, sizeof text, "%de%d", static_cast<int>(m_rng() % 2000000) - 1000000, static_cast<int>(m_rng() % 60) - 30);
+            d = clock ? (d == 0.25 ? -0.5 : 0.25) : counter ? d + 0.25 : m_rng() % 50 ? std::strtod(text, nullptr) : m_rng() % 2 ? -0.0 : HUGE_VAL;
             std::memcpy(&v, &d, 8);
         } else {
-            const std::uint64_t random = rng_() >> (rng_() % 64);
-            v = clock ? v ^ 1 : counter ? v + (s.kind == 4 ? 1 : 1000) : rng_() % 2 ? random : 0 - random;
+            const std::uint64_t random = m_rng() >> (m_rng() % 64);
+            v = clock ? v ^ 1 : counter ? v + (s.kind == 4 ? 1 : 1000) : m_rng() % 2 ? random : 0 - random;
         }
-        const int size = w_->GetValueSize(h), source = rng_() % 3 ? 0 : static_cast<int>(rng_() % 60);
+        const int size = m_w->GetValueSize(h), source = m_rng() % 3 ? 0 : static_cast<int>(m_rng() % 60);
         W(size == (s.kind < kReal ? 4 : 8));
         std::unique_ptr<unsigned char[]> bytes(new unsigned char[static_cast<std::size_t>(size)]);
         std::memcpy(bytes.get(), &v, static_cast<std::size_t>(size));
-        W(w_->StoreValueWithSource(h, bytes.get(), source));
+        W(m_w->StoreValueWithSource(h, bytes.get(), source));
         unsigned char eight[8];
         std::memcpy(eight, &v, 8);
-        s.events += EventText(time_, delta_, eight, size, s.kind == kReal, SourceNumber(source));
+        s.events += EventText(m_time, m_delta, eight, size, s.kind == kReal, SourceNumber(source));
     }
 
     void Flushed() {
         WritePendingElements();
-        for (const PendingProperty& p : pendingProperties_) {
-            for (int h : p.handles) propertyLines_.push_back(PropertyLine(h, 0, p.name, p.value));
+        for (const PendingProperty& p : m_pendingProperties) {
+            for (int h : p.handles) m_propertyLines.push_back(PropertyLine(h, 0, p.name, p.value));
         }
-        pendingProperties_.clear();
-        pendingIndex_.clear();
+        m_pendingProperties.clear();
+        m_pendingIndex.clear();
     }
 
     void Commit(bool resume) {
-        W(w_->Commit());
+        W(m_w->Commit());
         Flushed();
-        if (timed_) end_ = time_;
-        committed_ = Expected();
-        if (follow_) Check(!follower_);
-        if (resume) W(w_->Resume());
+        if (m_timed) m_end = m_time;
+        m_committed = Expected();
+        if (m_follow) Check(!m_follower);
+        if (resume) W(m_w->Resume());
     }
 
     // The follower opens the file once, then reads on; it must present the last commit.
     void Check(bool open) {
-        if (open) follower_ = Open(path_);
-        if (!follower_) throw std::runtime_error("the follower cannot open the file");
-        if (!open && !follower_->Continue()) throw std::runtime_error("Continue failed");
-        EXPECT_EQ(committed_, Dump(*follower_)) << (open ? "opened" : "continued");
+        if (open) m_follower = Open(m_path);
+        if (!m_follower) throw std::runtime_error("the follower cannot open the file");
+        if (!open && !m_follower->Continue()) throw std::runtime_error("Continue failed");
+        EXPECT_EQ(m_committed, Dump(*m_follower)) << (open ? "opened" : "continued");
         if (::testing::Test::HasFailure()) throw std::runtime_error("the follower differs");
     }
 
     struct Bus { std::string text; int64 time, end; std::vector<int> taken; };
     struct PendingProperty { std::string name, value; std::set<int> handles; };
-    std::mt19937_64 rng_;
-    std::string path_;
-    bool follow_, timed_ = false;
-    Sources sources_;
-    ITarvelWrite* w_ = nullptr;
-    Reader follower_{nullptr, DeleteRawTarvelRead};
-    int64 resolution_ = 1000, end_ = 0, time_ = 0, lastTime_ = 0;
-    unsigned delta_ = 0;
-    int lastHandle_ = 0, lastVirtualBus_ = -1, pendingBus_ = -1;
-    std::string lastName_ = "top.cpu.alu.result", committed_;
-    std::vector<std::string> types_, propertyLines_, sourceLines_;
-    std::map<int, Signal> signals_;
-    std::vector<int> order_, pending_, tops_, scalars_;
-    std::map<int, Bus> buses_;
-    std::map<std::string, std::string> top_, fileSpelling_;
-    std::vector<PendingProperty> pendingProperties_;
-    std::map<std::string, std::size_t> pendingIndex_;
-    std::map<int, int> sourceNumbers_;
+    std::mt19937_64 m_rng;
+    std::string m_path;
+    bool m_follow, m_timed = false;
+    Sources m_sources;
+    ITarvelWrite* m_w = nullptr;
+    Reader m_follower{nullptr, DeleteRawTarvelRead};
+    int64 m_resolution = 1000, m_end = 0, m_time = 0, m_lastTime = 0;
+    unsigned m_delta = 0;
+    int m_lastHandle = 0, m_lastVirtualBus = -1, m_pendingBus = -1;
+    std::string m_lastName = "top.cpu.alu.result", m_committed;
+    std::vector<std::string> m_types, m_propertyLines, m_sourceLines;
+    std::map<int, Signal> m_signals;
+    std::vector<int> m_order, m_pending, m_tops, m_scalars;
+    std::map<int, Bus> m_buses;
+    std::map<std::string, std::string> m_top, m_fileSpelling;
+    std::vector<PendingProperty> m_pendingProperties;
+    std::map<std::string, std::size_t> m_pendingIndex;
+    std::map<int, int> m_sourceNumbers;
 };
 
 // Writes the design of `seed` into `path` (following it with a reader if asked) and returns the

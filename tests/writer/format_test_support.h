@@ -93,28 +93,28 @@ inline void ExpectGolden(const std::string& name, const std::string& bytes) {
 // A scratch file written through a stream and a line writer; Finish closes it and gives its bytes.
 class WrittenFile {
 public:
-    explicit WrittenFile(bool timed = false) : lines_(stream_, reporter_, timed) {
-        reporter_.stream = &stream_;
-        stream_.Open(Path().c_str());
+    explicit WrittenFile(bool timed = false) : m_lines(m_stream, m_reporter, timed) {
+        m_reporter.stream = &m_stream;
+        m_stream.Open(Path().c_str());
     }
-    KOutputStream& Stream() { return stream_; }
-    KLineWriter& Lines() { return lines_; }
-    TestReporter& Reporter() { return reporter_; }
-    std::string Path() const { return folder_.File("out.wav"); }
+    KOutputStream& Stream() { return m_stream; }
+    KLineWriter& Lines() { return m_lines; }
+    TestReporter& Reporter() { return m_reporter; }
+    std::string Path() const { return m_folder.File("out.wav"); }
     std::string Bytes() const { return ReadBytes(Path()); }
     std::string Finish() {
-        stream_.Close();
+        m_stream.Close();
         return Bytes();
     }
     bool Commit(std::int64_t time = 0) {
-        return lines_.Commit(time, {[](void* s) { return static_cast<KOutputStream*>(s)->Flush(); }, &stream_});
+        return m_lines.Commit(time, {[](void* s) { return static_cast<KOutputStream*>(s)->Flush(); }, &m_stream});
     }
 
 private:
-    ScratchFolder folder_;
-    TestReporter reporter_;
-    KOutputStream stream_{reporter_};
-    KLineWriter lines_;
+    ScratchFolder m_folder;
+    TestReporter m_reporter;
+    KOutputStream m_stream{m_reporter};
+    KLineWriter m_lines;
 };
 
 // The bytes `write` produces on a fresh untimed file (no header).

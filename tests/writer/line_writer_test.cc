@@ -131,17 +131,17 @@ std::vector<std::string> Tokens(const std::string& text) {
 
 class LineWriterRoundTrip : public ::testing::Test {
 protected:
-    const unsigned seed_ = std::random_device{}();
-    std::mt19937_64 random_{seed_};
-    ::testing::ScopedTrace trace_{__FILE__, __LINE__, "seed " + std::to_string(seed_)};
+    const unsigned m_seed = std::random_device{}();
+    std::mt19937_64 m_random{m_seed};
+    ::testing::ScopedTrace m_trace{__FILE__, __LINE__, "seed " + std::to_string(m_seed)};
 };
 
 TEST_F(LineWriterRoundTrip, TimePointDictionary) {
     std::vector<TimeStep> points;
     for (int i = 0; i < 150000; ++i) {
-        const int kind = random_() % 4;  // frequent points, one-offs, wide steps, odd deltas
-        const std::uint64_t step = kind == 0 ? 1000 * (random_() % 8) : kind == 2 ? random_() >> 20 : random_() % 100000;
-        points.emplace_back(static_cast<std::int64_t>(step), static_cast<int>(random_() % (kind == 3 ? 5 : 2)));
+        const int kind = m_random() % 4;  // frequent points, one-offs, wide steps, odd deltas
+        const std::uint64_t step = kind == 0 ? 1000 * (m_random() % 8) : kind == 2 ? m_random() >> 20 : m_random() % 100000;
+        points.emplace_back(static_cast<std::int64_t>(step), static_cast<int>(m_random() % (kind == 3 ? 5 : 2)));
     }
     std::istringstream lines(Written([&](KLineWriter& w) {
         for (const TimeStep& point : points) w.WriteTimePointLine(point.first, point.second);
