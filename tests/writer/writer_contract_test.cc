@@ -1,0 +1,208 @@
+// What include/tarvel/writer.h and docs/guide.md promise a newcomer, through the public
+// interface: the design hierarchy as the raw reader shows it, where values of buses and
+// elements go, commits with and without Resume, and the mistakes that the writer does not
+// catch, with what they do. A change to any of these must change the guide too.
+#include <string>
+
+#include "format_test_support.h"
+#include "tarvel/tarvel.h"
+
+namespace Tarvel::Testing {
+namespace {
+
+constexpr const char* kStdLogic = "e#9#std_logicc9 UX01ZWLH-";
+constexpr const char* kByte = "a#16#std_logic_vector[7d0]e#9#std_logicc9 UX01ZWLH-";
+constexpr const char* kPacket = "r#6#packet2#4#addri#7#integer#4#dataa#16#std_logic_vector[7d0]e#9#std_logicc9 UX01ZWLH-";
+constexpr unsigned char kOne[4] = {3, 0, 0, 0};  // std_logic '1'
+
+// Where a signal stands: "parent/position/children name type", parent -1 at the top.
+std::string Place(IRawTarvelRead& r, int handle) {
+    int children = -1, position = -1, size = 32;
+    char name[32] = "";
+    IRawTarvelRead::SignalIterator parent;
+    if (!r.GetSignalPlace(handle, &children, nullptr, name, &size, &parent, &position)) return "unknown";
+    const int up = parent == r.EndSignals() ? -1 : *parent;
+    return std::to_string(up) + "/" + std::to_string(position) + "/" + std::to_string(children) + " " + name + " " +
+           std::to_string(r.GetTypeId(handle));
+}
+
+unsigned Events(IRawTarvelRead& r, int handle) {
+    const KEventsStore* store = r.GetSignalData(handle);
+    return store ? store->count() : 0u;
+}
+
+struct WrittenFile {
+    ScratchFolder folder;
+    std::string path = folder.File("design.twf");
+    ITarvelWrite* w = CreateStreamWriteTimed(path.c_str());
+    std::string Log() const { return ReadBytes(path + ".log"); }
+};
+
+TEST(WriterContract, ScopesBusesAndRecordsShowAsTheGuideDescribes) {
+    WrittenFile f;
+    ITarvelWrite& w = *f.w;
+    // top { clk; dut { data(7 downto 0); pkt { addr; data(7 downto 0) } } }, types 1, 2, 3, 4.
+    ASSERT_TRUE(w.StoreSignal(1, kPortNone, -1, 0, "top", 0));
+    ASSERT_TRUE(w.SetTypeInfo(2, kStdLogic) && w.StoreSignal(2, kPortIn, 1, 0, "clk", 0));
+    ASSERT_TRUE(w.StoreSignal(3, kPortNone, 1, 1, "dut", 0));
+    ASSERT_TRUE(w.SetTypeInfo(10, kByte) && w.StoreBus(10, kPortOut, 0, 3, 0, "data", 0));
+    for (int p = 0; p < 8; ++p) ASSERT_TRUE(w.SetTypeInfo(11 + p, kStdLogic) && w.StoreSignal(11 + p, kPortOut, 10, p, "ignored", 0));
+    ASSERT_TRUE(w.SetTypeInfo(30, kPacket) && w.StoreBus(30, kPortOut, 0, 3, 1, "pkt", 0));
+    ASSERT_TRUE(w.SetTypeInfo(31, "i#7#integer") && w.StoreSignal(31, kPortOut, 30, 0, "addr", 0));
+    ASSERT_TRUE(w.SetTypeInfo(32, kByte) && w.StoreBus(32, kPortOut, 0, 30, 1, "data", 0));
+    for (int p = 0; p < 8; ++p) ASSERT_TRUE(w.SetTypeInfo(33 + p, kStdLogic) && w.StoreSignal(33 + p, kPortOut, 32, p, "d", 0));
+    // Values: the bus takes its value quietly and keeps nothing; elements carry the events.
+    const unsigned char byte[32] = {};
+    ASSERT_EQ(w.GetValueSize(10), 32);
+    ASSERT_EQ(w.GetValueSize(1), 0);
+    ASSERT_TRUE(w.SetTime(5) && w.StoreValue(10, byte) && w.StoreValue(18, kOne) && w.StoreValue(2, kOne));
+    ASSERT_TRUE(w.Commit() && w.Release());
+
+    IRawTarvelRead* r = CreateRawTarvelRead(f.path.c_str());
+    ASSERT_NE(r, nullptr);
+    EXPECT_EQ(Place(*r, 1), "-1/0/2 top -1");  // a scope: no type, no events
+    EXPECT_EQ(Place(*r, 2), "1/0/0 clk 1");
+    EXPECT_EQ(Place(*r, 3), "1/1/2 dut -1");
+    EXPECT_EQ(Place(*r, 10), "3/0/8 data 2");
+    EXPECT_EQ(Place(*r, 11), "10/0/0 (7) 1");  // position 0 is the left index
+    EXPECT_EQ(Place(*r, 18), "10/7/0 (0) 1");
+    EXPECT_EQ(Place(*r, 30), "3/1/2 pkt 3");
+    EXPECT_EQ(Place(*r, 31), "30/0/0 addr 4");  // a field is named after the record type
+    EXPECT_EQ(Place(*r, 32), "30/1/8 data 2");  // a field that is a bus keeps its own name
+    EXPECT_EQ(Place(*r, 40), "32/7/0 (0) 1");
+    EXPECT_EQ(Events(*r, 1), 0u);
+    EXPECT_EQ(Events(*r, 10), 0u);
+    EXPECT_EQ(Events(*r, 18), 1u);
+    EXPECT_EQ(Events(*r, 2), 1u);
+    EXPECT_EQ(r->GetTypeInfo(r->GetTypeId(1)), nullptr);
+    DeleteRawTarvelRead(r);
+}
+
+TEST(WriterContract, CommitMakesReadableAndResumeMustFollowIt) {
+    auto write = [](bool resume, bool commitAgain, const std::string& path) {
+        ITarvelWrite* w = CreateStreamWriteTimed(path.c_str());
+        EXPECT_TRUE(w->SetTypeInfo(1, kStdLogic) && w->StoreSignal(1, kPortIn, -1, 0, "a", 0));
+        EXPECT_TRUE(w->SetTime(5) && w->StoreValue(1, kOne) && w->Commit());
+        if (resume) {
+            EXPECT_TRUE(w->Resume());
+        }
+        EXPECT_TRUE(w->SetTime(10) && w->StoreValue(1, kOne) && w->Flush());  // true either way
+        if (commitAgain) {
+            EXPECT_TRUE(w->Commit());
+        }
+        EXPECT_TRUE(w->Release());
+    };
+    ScratchFolder folder;
+    const struct {
+        bool resume, commitAgain;
+        unsigned events;
+    } cases[] = {{true, true, 2}, {false, true, 1}, {true, false, 1}, {false, false, 1}};
+    for (const auto& c : cases) {
+        const std::string path = folder.File("c" + std::to_string(c.resume) + std::to_string(c.commitAgain) + ".twf");
+        write(c.resume, c.commitAgain, path);
+        IRawTarvelRead* r = CreateRawTarvelRead(path.c_str());
+        ASSERT_NE(r, nullptr) << path;
+        EXPECT_EQ(Events(*r, 1), c.events) << path;
+        DeleteRawTarvelRead(r);
+    }
+}
+
+TEST(WriterContract, MistakesFoundAtTheFlushStopTheWriter) {
+    // An element without its own type, and a scope, take values; the flush finds them.
+    for (const bool scope : {false, true}) {
+        WrittenFile f;
+        ITarvelWrite& w = *f.w;
+        ASSERT_TRUE(w.SetTypeInfo(9, kByte) && w.StoreBus(9, kPortOut, 0, -1, 0, "bus", 0));
+        ASSERT_TRUE(w.StoreSignal(10, kPortOut, scope ? -1 : 9, 0, "x", 0));
+        ASSERT_TRUE(w.SetTime(5) && w.StoreValue(10, kOne));  // accepted here
+        EXPECT_FALSE(w.Commit());
+        EXPECT_EQ(f.Log(), "Unknown typeindex 0 for handle 10");
+        EXPECT_FALSE(ReleaseFailedWriter(&w));
+        EXPECT_EQ(CreateRawTarvelRead(f.path.c_str()), nullptr);  // never committed
+    }
+    // Stopping is for good: a later call answers false and the file reads as last committed.
+    WrittenFile f;
+    ITarvelWrite& w = *f.w;
+    ASSERT_TRUE(w.SetTypeInfo(1, kStdLogic) && w.StoreSignal(1, kPortIn, -1, 0, "a", 0) && w.SetTime(5));
+    ASSERT_TRUE(w.StoreValue(1, kOne) && w.Commit() && w.Resume());
+    EXPECT_FALSE(w.StoreValue(2, kOne));
+    EXPECT_FALSE(w.SetTime(6));
+    EXPECT_EQ(w.GetValueSize(1), -1);
+    EXPECT_EQ(f.Log(), "StoreValueWithSource called for unknown handle 2");
+    EXPECT_FALSE(ReleaseFailedWriter(&w));
+    IRawTarvelRead* r = CreateRawTarvelRead(f.path.c_str());
+    ASSERT_NE(r, nullptr);
+    EXPECT_EQ(Events(*r, 1), 1u);
+    DeleteRawTarvelRead(r);
+}
+
+// Each of these answers true at every call; the guide says what the file then holds.
+TEST(WriterContract, MistakesTheWriterDoesNotCatch) {
+    // A refused resolution does not stop the writer.
+    {
+        WrittenFile f;
+        ASSERT_TRUE(f.w->SetResolution(1000));
+        EXPECT_FALSE(f.w->SetResolution(1));
+        EXPECT_FALSE(f.w->SetResolution(0));
+        EXPECT_TRUE(f.w->SetTypeInfo(1, kStdLogic) && f.w->StoreSignal(1, kPortIn, -1, 0, "a", 0) && f.w->Commit());
+        EXPECT_TRUE(f.w->Release());
+        IRawTarvelRead* r = CreateRawTarvelRead(f.path.c_str());
+        ASSERT_NE(r, nullptr);
+        EXPECT_EQ(r->GetResolution(), 1000);
+        DeleteRawTarvelRead(r);
+    }
+    // A child declared before its scope lands at the top; deltas keep their low 16 bits; a
+    // virtual bus takes its member out of its scope.
+    {
+        WrittenFile f;
+        ITarvelWrite& w = *f.w;
+        ASSERT_TRUE(w.SetTypeInfo(2, kStdLogic) && w.StoreSignal(2, kPortIn, 1, 0, "early", 0));
+        ASSERT_TRUE(w.StoreSignal(1, kPortNone, -1, 0, "top", 0));
+        ASSERT_TRUE(w.SetTypeInfo(3, kStdLogic) && w.StoreSignal(3, kPortIn, 1, 0, "clk", 0));
+        ASSERT_TRUE(w.SetTypeInfo(4, kStdLogic) && w.StoreSignal(4, kPortIn, 1, 1, "rst", 0));
+        ASSERT_TRUE(w.StoreBus(5, kPortVirtualBus, 1, -1, 0, "group", 0) && w.StoreProperty(3, "VBus", "1"));
+        ASSERT_TRUE(w.SetTime(5) && w.SetDelta(65537) && w.StoreValue(2, kOne) && w.Commit() && w.Release());
+        IRawTarvelRead* r = CreateRawTarvelRead(f.path.c_str());
+        ASSERT_NE(r, nullptr);
+        EXPECT_EQ(Place(*r, 2), "-1/0/0 early 1");
+        EXPECT_EQ(Place(*r, 3), "5/0/0 clk 1");
+        EXPECT_EQ(Place(*r, 1), "-1/0/1 top -1");  // rst alone, still at position 1
+        EXPECT_STREQ(r->GetProperty(5, "VBus"), "1");
+        KEventData e;
+        ASSERT_TRUE(r->GetSignalData(2)->GetFirstEvent(&e));
+        EXPECT_EQ(e.GetDelta(), 1u);
+        DeleteRawTarvelRead(r);
+    }
+    // A type given after the declaration, values of a typed handle never declared: the file is
+    // refused. An element typed otherwise than its bus's elements: its values are misread.
+    const struct {
+        const char* what;
+        bool (*mistake)(ITarvelWrite&);
+        bool readable;
+    } cases[] = {
+        {"type after declaration",
+         [](ITarvelWrite& w) { return w.StoreSignal(1, kPortIn, -1, 0, "a", 0) && w.SetTypeInfo(1, kStdLogic); }, false},
+        {"never declared", [](ITarvelWrite& w) { return w.SetTypeInfo(1, kStdLogic); }, false},
+        {"element of another type", [](ITarvelWrite& w) {
+             return w.SetTypeInfo(9, "a#3#two[1d0]i#7#integer") && w.StoreBus(9, kPortIn, 0, -1, 0, "two", 0) &&
+                    w.SetTypeInfo(1, kStdLogic) && w.StoreSignal(1, kPortIn, 9, 0, "a", 0);
+         }, true},
+    };
+    for (const auto& c : cases) {
+        WrittenFile f;
+        ASSERT_TRUE(c.mistake(*f.w)) << c.what;
+        ASSERT_TRUE(f.w->SetTime(5) && f.w->StoreValue(1, kOne) && f.w->Commit() && f.w->Release()) << c.what;
+        IRawTarvelRead* r = CreateRawTarvelRead(f.path.c_str());
+        EXPECT_EQ(r != nullptr, c.readable) << c.what;
+        if (!r) continue;
+        unsigned char value[4] = {};
+        KEventData e;
+        ASSERT_TRUE(r->GetSignalData(1)->GetFirstEvent(&e) && e.GetValue(value, 4));
+        EXPECT_EQ(r->GetTypeId(1), -1) << c.what;  // the file has no line of the bus's element type
+        EXPECT_EQ(value[0], 1) << c.what;          // '1' (3) was written as std_logic, read as the integer 1
+        DeleteRawTarvelRead(r);
+    }
+}
+
+}  // namespace
+}  // namespace Tarvel::Testing
