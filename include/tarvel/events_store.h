@@ -232,7 +232,10 @@ struct DirectStepsState {
 // destructor closes the stream again. The handle must outlive this object.
 class TARVEL_API KDirectTimeDeltaStore final : public ITimeDeltaWriter {
 public:
+    // Makes `store`'s body private and reopens its time steps for appending. May throw
+    // std::bad_alloc.
     explicit KDirectTimeDeltaStore(KEventsStore* store);
+    // Closes the time steps again; the store then walks as usual.
     ~KDirectTimeDeltaStore();
     KDirectTimeDeltaStore(const KDirectTimeDeltaStore&) = delete;
     KDirectTimeDeltaStore& operator=(const KDirectTimeDeltaStore&) = delete;
@@ -251,7 +254,10 @@ private:
 // value size already (KEventsStore::SetSize); without one the values are dropped.
 class TARVEL_API KDirectValueStore final : public IValueWriter {
 public:
+    // Makes `store`'s body private and reopens its values for appending. The store must
+    // outlive this object. May throw std::bad_alloc.
     explicit KDirectValueStore(KEventsStore* store);
+    // Closes the values again (without memory to compact them, they stay uncompressed).
     ~KDirectValueStore();
     KDirectValueStore(const KDirectValueStore&) = delete;
     KDirectValueStore& operator=(const KDirectValueStore&) = delete;
@@ -268,7 +274,10 @@ private:
 // Refills a store's sources from the calls an ISourceWriter receives.
 class TARVEL_API KDirectSourceStore final : public ISourceWriter {
 public:
+    // Makes `store`'s body private and opens its sources for appending (making them when it has
+    // none). The store must outlive this object. May throw std::bad_alloc.
     explicit KDirectSourceStore(KEventsStore* store);
+    // Closes the sources again (without memory to compact them, they stay uncompressed).
     ~KDirectSourceStore();
     KDirectSourceStore(const KDirectSourceStore&) = delete;
     KDirectSourceStore& operator=(const KDirectSourceStore&) = delete;

@@ -121,7 +121,8 @@ public:
         // The property at this position. REQUIRES: not the end.
         const Property& operator*() const;
         const Property* operator->() const;
-        // Steps to the next pair; past the last one, the end (the end stays the end).
+        // Steps to the next pair; past the last one, the end (the end stays the end). May throw
+        // std::bad_alloc (the postfix form copies).
         PropertyIterator& operator++();
         PropertyIterator operator++(int);
 
