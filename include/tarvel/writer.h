@@ -54,10 +54,10 @@
 // not the character '1') and for an integer, 8 for a real (IEEE double), a time (physical) or a
 // 64-bit integer. Arrays, records and signals without a type have no values of their own.
 //
-// Failures. Every operation answers true when it did what it was asked, and false otherwise.
-// A false answer stops the writer for good, except from SetResolution and Resume (which say
-// why below) and from Release of a writer that has stopped already. Stopping closes the output file as it stands (it reads as of its last commit)
-// and writes one line, the reason, to a log file named as the output file with ".log"
+// Failures. Every operation answers false when it fails. A false answer stops the writer for
+// good, except from SetResolution and Resume (see there) and from Release of a writer that has
+// stopped already. Stopping closes the output file as it stands (it reads as of its last
+// commit) and writes one line, the reason, to a log file named as the output file with ".log"
 // appended (replacing an older log); every later operation answers false (GetValueSize -1)
 // and writes nothing more. Check every answer; on the first false, read the log.
 //
@@ -75,9 +75,10 @@
 // Never delete a writer. One writer is used from one thread at a time; distinct writers are
 // independent. Values are read from the caller's buffer during the call only.
 //
-// Costs. StoreValue costs a few nanoseconds and about 24 bytes of memory until the next
-// flush. A writer holds about 70 KB of its own, and about 100 KB per page of 4096 handles that
-// holds a handle in use: handles close together, counted from 0, cost least.
+// Costs. StoreValue appends to a log in memory: tens of nanoseconds per value, flush included
+// (docs/performance.md), and about 24 bytes per value until the next flush. A writer holds
+// about 70 KB of its own, and about 100 KB per page of 4096 handles that holds a handle in use:
+// handles close together, counted from 0, cost least.
 #ifndef TARVEL_WRITER_H
 #define TARVEL_WRITER_H
 
@@ -101,7 +102,8 @@ enum PortMode : int {
 
 // Turns the caller's source identifiers (any int but 0, chosen by the caller: one per process,
 // statement or assignment that produces values) into a file name and a line number. Given to
-// CreateStreamWriteTimed; asked once per identifier, at its first use.
+// CreateStreamWriteTimed; asked at an identifier's first use, and again at each later use as
+// long as it answers false.
 class TARVEL_API ISourceCallback {
 public:
     // Sets *fileName (read during the call only) and *line for `source` and returns true, or
@@ -113,8 +115,8 @@ protected:
 };
 
 // Handles. Every signal, bus and scope is named by a handle: an int of the caller's choice,
-// 0 or more, unique in the file, which readers report as the signal's number. A negative
-// handle is refused. -1 names the file itself where a handle is asked for (StoreProperty).
+// 0 or more, unique in the file, which readers report as the signal's number. Declarations and
+// SetTypeInfo refuse a negative handle; StoreProperty takes -1 for the file itself.
 class TARVEL_API ITarvelWrite {
 public:
     // Adds a reference. Always true.
@@ -204,7 +206,7 @@ public:
     // 0; the current time again keeps the delta. An earlier time is refused ("SetTime tries to
     // move back in time") and the writer stops.
     virtual bool SetTime(const int64& time) = 0;
-    // The current time. Valid until the next call of the writer.
+    // The current time. The reference lives as long as the writer; its value follows the time.
     virtual const int64& GetTime() = 0;
     // Sets the current delta cycle within the current time (starts at 0, and at 0 after every
     // change of time). The same or a larger delta is accepted; a smaller one is refused
