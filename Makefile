@@ -4,18 +4,19 @@ CYCLES ?= 1000000
 DEMO_FILE ?= build/demo.twf
 GEN := -G Ninja
 
-.PHONY: demo test deps build-release test-main test-asan test-tsan bench clean
+.PHONY: demo test deps build-demo test-main test-asan test-tsan bench clean
 
 deps:
 	@scripts/install-deps.sh
 
-build-release: deps
-	cmake -S . -B build/release $(GEN) -DCMAKE_BUILD_TYPE=Release -DTARVEL_TESTS=OFF
-	cmake --build build/release -j $(JOBS)
+# The demo alone, in Release: no tests, no benchmarks.
+build-demo: deps
+	cmake -S . -B build/demo $(GEN) -DCMAKE_BUILD_TYPE=Release -DTARVEL_TESTS=OFF -DTARVEL_BENCH=OFF
+	cmake --build build/demo -j $(JOBS) --target tarvel_demo
 
 # Builds in Release and runs the main job on a built-in example.
-demo: build-release
-	./build/release/tools/tarvel_demo $(CYCLES) $(DEMO_FILE)
+demo: build-demo
+	./build/demo/tools/tarvel_demo $(CYCLES) $(DEMO_FILE)
 
 # Builds and runs every test: the plain build, then AddressSanitizer+UndefinedBehaviorSanitizer
 # (with short fuzz runs), then ThreadSanitizer over the store-sharing tests.
@@ -40,7 +41,7 @@ test-tsan:
 
 # Benchmarks (Release); figures go to docs/performance.md.
 bench: deps
-	cmake -S . -B build/release $(GEN) -DCMAKE_BUILD_TYPE=Release -DTARVEL_TESTS=OFF
+	cmake -S . -B build/release $(GEN) -DCMAKE_BUILD_TYPE=Release -DTARVEL_TESTS=OFF -DTARVEL_BENCH=ON
 	cmake --build build/release -j $(JOBS)
 	./build/release/bench/store_bench
 

@@ -3,10 +3,12 @@
 // waveform with the tarvel writer, committing periodically. Prints the file's path, its size and
 // the number of events written. Command-line tool; single-threaded.
 //
-// Usage: tarvel_demo [cycles] [output file]
+// Usage: tarvel_demo [cycles] [output file]   (tarvel_demo --help prints this line)
+#include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <cmath>
+#include <cstring>
 
 #include "tarvel/tarvel.h"
 
@@ -36,13 +38,14 @@ public:
 };
 
 bool Declare(Tarvel::ITarvelWrite& w) {
-    bool ok = w.SetResolution(1000);  // times in picoseconds of a nanosecond-resolution design
+    bool ok = w.SetResolution(1000);  // one time unit is 1000 fs: times are in picoseconds
     ok = ok && w.StoreProperty(0, -1, "Project", "counter_demo") && w.StoreProperty(0, -1, "TopLevel", "tb_counter");
     ok = ok && w.SetTypeInfo(kClk, kStdLogic) && w.StoreSignal(kClk, 1, -1, 0, "clk", 0);
     ok = ok && w.SetTypeInfo(kRst, kStdLogic) && w.StoreSignal(kRst, 1, -1, 0, "rst", 0);
     ok = ok && w.SetTypeInfo(kCount, kVector8) && w.StoreBus(kCount, 2, 8, -1, 0, "count", 0);
+    // An element's position counts from the left index: bit b of (7 downto 0) is at position 7 - b.
     for (int bit = 0; ok && bit < 8; ++bit) {
-        ok = w.SetTypeInfo(kCountBit0 + bit, kStdLogic) && w.StoreSignal(kCountBit0 + bit, 2, kCount, bit, "count", 0);
+        ok = w.SetTypeInfo(kCountBit0 + bit, kStdLogic) && w.StoreSignal(kCountBit0 + bit, 2, kCount, 7 - bit, "count", 0);
     }
     ok = ok && w.SetTypeInfo(kState, kStates) && w.StoreSignal(kState, 6, -1, 0, "state", 0);
     ok = ok && w.SetTypeInfo(kAcc, kInteger) && w.StoreSignal(kAcc, 7, -1, 0, "acc", 0);
@@ -89,10 +92,33 @@ bool Run(Tarvel::ITarvelWrite& w, long long cycles, long long* events) {
     return ok && w.SetTime(cycles * 10000) && w.Commit();
 }
 
+constexpr const char* kUsage = "usage: tarvel_demo [cycles] [output file]   (defaults: 100000 demo.twf)\n";
+
+// The cycle count of the command line: digits only, at most 10^12.
+bool ParseCycles(const char* text, long long* cycles) {
+    if (*text < '0' || *text > '9') return false;
+    char* end = nullptr;
+    errno = 0;
+    *cycles = std::strtoll(text, &end, 10);
+    return errno == 0 && *end == '\0' && *cycles <= 1000000000000LL;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    const long long cycles = argc > 1 ? std::atoll(argv[1]) : 100000;
+    if (argc > 1 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
+        std::fputs(kUsage, stdout);
+        return 0;
+    }
+    long long cycles = 100000;
+    if (argc > 3) {
+        std::fprintf(stderr, "tarvel_demo: too many arguments\n%s", kUsage);
+        return 2;
+    }
+    if (argc > 1 && !ParseCycles(argv[1], &cycles)) {
+        std::fprintf(stderr, "tarvel_demo: '%s' is no cycle count\n%s", argv[1], kUsage);
+        return 2;
+    }
     const char* path = argc > 2 ? argv[2] : "demo.twf";
     Sources sources;
     Tarvel::ITarvelWrite* writer = Tarvel::CreateStreamWriteTimed(path, &sources);

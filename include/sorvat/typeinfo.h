@@ -12,9 +12,63 @@
 // a malformed string are "invalid": every query on them answers false, 0, an empty string or
 // another invalid object.
 //
-// Values. A value is little-endian bytes, GetSimpleSize_OldFormat() of them: an enumeration's
-// value is the 32-bit position of its literal, an integer a 32-bit signed number, a floating
-// point value an IEEE double, a physical or long integer value a 64-bit signed number.
+// Grammar. A type-information string is exactly one type; nothing may follow it.
+//
+//   type   := kind name body
+//   name   := '#' length '#' bytes      exactly <length> bytes, any but NUL ("#3#bit"; "#0#")
+//   range  := '[' int dir int ']'       dir 't' ("to") or 'd' ("downto"); int: ['-'] digits
+//   length, count := digits             no sign; at most 2^31 - 1
+//
+//   kind  what                           body after the name               value bytes
+//   e, c  enumeration (c: a subtype       literal groups, at least one      4: position of
+//         that lists its literals)        literal in all (below)            the literal
+//   i     integer                        [range] (bounds within 32 bits)   4: signed
+//   l     long integer                   [range]                           8: signed
+//   f     floating point                 nothing                           8: IEEE double
+//   p     physical (time)                [name] (its primary unit)         8: signed count
+//                                                                             of the unit
+//   a     array                          range {range} type (the element)  element size x
+//                                                                             element count
+//   r     record                         count {name type} (the fields)    the fields' bytes
+//   x, y, u  access, file, unknown       nothing                           0 (no value)
+//
+//   Literal groups, in any order, numbered together from 0 in the order written:
+//     'c' count ' ' bytes                count character literals, one byte each ("c2 01")
+//     'n' count {name}                   count identifier literals ("n2#5#FALSE#4#TRUE")
+//   An array dimension has |left - right| + 1 elements; several ranges make several
+//   dimensions. A value of an array is its elements in order: the left index of each
+//   dimension first, the last dimension varying fastest. A record's value is its fields in
+//   order. All numbers in values are little-endian. docs/typeinfo.md gives the full rules.
+//
+// Common types (the strings our tools write; the name inside a string is free text):
+//
+//   VHDL std_logic, std_ulogic     e#9#std_logicc9 UX01ZWLH-         4: 0-8 for U X 0 1 Z W L H -
+//                                                                       ('1' is 3, '0' is 2)
+//   std_logic_vector(7 downto 0)   a#16#std_logic_vector[7d0]e#9#std_logicc9 UX01ZWLH-
+//                                                                    32: (7), (6), ... (0)
+//   bit / bit_vector(0 to 3)       e#3#bitc2 01 / a#10#bit_vector[0t3]e#3#bitc2 01
+//                                                                    4: 0 or 1 / 16
+//   boolean                        e#7#booleann2#5#FALSE#4#TRUE      4: 0 FALSE, 1 TRUE
+//   integer                        i#7#integer                       4: signed
+//   natural                        i#7#natural[0t2147483647]         4
+//   real                           f#4#real                          8: IEEE double
+//   time                           p#4#time#2#fs                     8: signed count of fs
+//   type state is (IDLE, LOAD, RUN)  e#5#staten3#4#IDLE#4#LOAD#3#RUN  4: 0 IDLE, 1 LOAD, 2 RUN
+//   record addr: integer; data: std_logic_vector(7 downto 0); end record
+//                                  r#6#packet2#4#addri#7#integer#4#dataa#16#std_logic_vector[7d0]e#9#std_logicc9 UX01ZWLH-
+//                                                                    36: addr, then data
+//   array (0 to 1, 3 downto 0) of integer
+//                                  a#6#matrix[0t1][3d0]i#7#integer   32: (0,3) (0,2) .. (1,0)
+//   Verilog wire, reg, logic       e#5#logicc4 01XZ                  4: 0 '0', 1 '1', 2 X, 3 Z
+//   logic [7:0]                    a#5#logic[7d0]e#5#logicc4 01XZ    32: [7] first
+//   bit (2-state)                  e#3#bitc2 01                      4: 0 or 1
+//   int, integer                   i#3#int, i#7#integer              4: signed
+//   longint, time                  l#7#longint, l#4#time             8: signed
+//   real                           f#4#real                          8: IEEE double
+//   typedef enum {IDLE, LOAD, RUN} e#5#staten3#4#IDLE#4#LOAD#3#RUN  4: position
+//
+// A waveform writer keeps values of scalar types only (4 or 8 bytes); an array or record is
+// written as a bus whose elements (or fields) are signals of their own, each with its type.
 #ifndef SORVAT_TYPEINFO_H
 #define SORVAT_TYPEINFO_H
 

@@ -66,8 +66,11 @@ protected:
 // Receives the sources of a store (KEventsStore::WriteSource), in the same shapes as values.
 class TARVEL_API ISourceWriter {
 public:
+    // The number of sources that the calls of this emission deliver in all (sent first).
     virtual bool pushCount(int count) = 0;
+    // One source number (0: none).
     virtual bool pushSource(int source) = 0;
+    // `length` sources (1 to 4) at `sources`, played `count` times in a row.
     virtual bool pushRepeatedSource(int length, const int64& count, const int* sources) = 0;
 
 protected:
@@ -78,7 +81,9 @@ protected:
 // (KEventsStore::Cache, KEventsStore::GetFirstEvent). Not copyable; one thread at a time.
 class TARVEL_API KEventsStoreCache {
 public:
+    // An empty cache; allocates nothing until the first KEventsStore::Cache.
     KEventsStoreCache();
+    // Frees the saved positions. The stores they were saved on are not touched.
     ~KEventsStoreCache();
     KEventsStoreCache(const KEventsStoreCache&) = delete;
     KEventsStoreCache& operator=(const KEventsStoreCache&) = delete;
@@ -96,14 +101,18 @@ private:
 // destroyed.
 class TARVEL_API KEventData {
 public:
+    // A cursor bound to no store (GetIndex() -1).
     KEventData();
+    // Copies the position: both cursors then walk on independently.
     KEventData(const KEventData& other);
     KEventData& operator=(const KEventData& other);
     ~KEventData();
 
     // Index of the event from 0; -1 before the first event.
     int GetIndex() const;
+    // The event's time, in the file's resolution units. Valid until the cursor moves.
     const int64& GetTime() const;
+    // The event's delta cycle (stores keep its low 16 bits).
     unsigned GetDelta() const;
     // Copies the event's value into `buffer`: min(size, the store's value size) bytes.
     // Returns false when the store keeps no value for this event.
@@ -120,8 +129,11 @@ class TARVEL_API KEventsStore {
 public:
     // An empty store without value size; shares one global empty body and allocates nothing.
     KEventsStore();
+    // Shares `other`'s body: one atomic count, no copy of events (copy on write).
     KEventsStore(const KEventsStore& other);
+    // Shares `other`'s body and releases the old one. Safe for self-assignment.
     KEventsStore& operator=(const KEventsStore& other);
+    // Releases the body; the last handle on it frees it.
     ~KEventsStore();
 
     // Exchanges the bodies of the two handles.
@@ -137,6 +149,7 @@ public:
     int GetSecondSize() const;
     // Marks the store as a bus: it drops its values and sources and keeps time steps only.
     void SetBus();
+    // True after SetBus (on this body or the one it was copied from).
     bool GetBus() const;
 
     // Appends a time step without value. A step equal to the last pushed one is absorbed.
@@ -154,12 +167,18 @@ public:
     // Empties the store, keeping its value size.
     void clear();
 
+    // True when the store holds no event.
     bool empty() const;
+    // The number of events.
     unsigned count() const;
+    // The index of the last event: count() - 1, so -1 when empty.
     int LastIndex() const;
     // True when the store keeps at least one source entry.
     bool Sources() const;
+    // The time given to the last push_end (0 before any): where the store's events end, which
+    // may be later than its last event.
     const int64& EndTime() const;
+    // The delta given to the last push_end (its low 16 bits; 0 before any).
     int EndDelta() const;
     // The body's serial number; it changes whenever a modification had to copy the body.
     int GetNr() const;
@@ -213,11 +232,16 @@ struct DirectStepsState {
 // destructor closes the stream again. The handle must outlive this object.
 class TARVEL_API KDirectTimeDeltaStore final : public ITimeDeltaWriter {
 public:
+    // Makes `store`'s body private and reopens its time steps for appending. May throw
+    // std::bad_alloc.
     explicit KDirectTimeDeltaStore(KEventsStore* store);
+    // Closes the time steps again; the store then walks as usual.
     ~KDirectTimeDeltaStore();
     KDirectTimeDeltaStore(const KDirectTimeDeltaStore&) = delete;
     KDirectTimeDeltaStore& operator=(const KDirectTimeDeltaStore&) = delete;
 
+    // As ITimeDeltaWriter; pushRepeat refuses (false) lengths outside 1 to 4 and negative
+    // counts, and pushEnd sets the store's end time.
     bool pushTimeDelta(const int64& difference, int delta) override;
     bool pushRepeat(int length, const int64& count, const std::pair<int64, int>* steps) override;
     bool pushEnd(const int64& endTime) override;
@@ -230,11 +254,15 @@ private:
 // value size already (KEventsStore::SetSize); without one the values are dropped.
 class TARVEL_API KDirectValueStore final : public IValueWriter {
 public:
+    // Makes `store`'s body private and reopens its values for appending. The store must
+    // outlive this object. May throw std::bad_alloc.
     explicit KDirectValueStore(KEventsStore* store);
+    // Closes the values again (without memory to compact them, they stay uncompressed).
     ~KDirectValueStore();
     KDirectValueStore(const KDirectValueStore&) = delete;
     KDirectValueStore& operator=(const KDirectValueStore&) = delete;
 
+    // As IValueWriter; pushCount is taken as a hint.
     bool pushCount(int count) override;
     bool pushValue(const unsigned char* value) override;
     bool pushRepeatedValue(int length, const int64& count, const unsigned char* const* values) override;
@@ -246,11 +274,15 @@ private:
 // Refills a store's sources from the calls an ISourceWriter receives.
 class TARVEL_API KDirectSourceStore final : public ISourceWriter {
 public:
+    // Makes `store`'s body private and opens its sources for appending (making them when it has
+    // none). The store must outlive this object. May throw std::bad_alloc.
     explicit KDirectSourceStore(KEventsStore* store);
+    // Closes the sources again (without memory to compact them, they stay uncompressed).
     ~KDirectSourceStore();
     KDirectSourceStore(const KDirectSourceStore&) = delete;
     KDirectSourceStore& operator=(const KDirectSourceStore&) = delete;
 
+    // As ISourceWriter; pushCount is taken as a hint.
     bool pushCount(int count) override;
     bool pushSource(int source) override;
     bool pushRepeatedSource(int length, const int64& count, const int* sources) override;

@@ -62,9 +62,14 @@ inline std::string Dump(IRawTarvelRead& r, unsigned eventLimit = ~0u, int* fault
     for (const char* name : {"Project", "TopLevel"}) {
         if (const char* v = r.GetProperty(-1, name)) line(std::string("top ") + name + "=" + v);
     }
+    // The listing keeps every type line; an id given twice answers its later text.
     for (const std::pair<int, const char*>* t = r.BeginTypes(); t != r.EndTypes(); ++t) {
         line("type " + std::to_string(t->first) + " " + str(t->second));
-        if (r.GetTypeInfo(t->first) != t->second && str(r.GetTypeInfo(t->first)) != str(t->second)) line("!! type text");
+        const std::pair<int, const char*>* last = t;
+        for (const std::pair<int, const char*>* u = t + 1; u != r.EndTypes(); ++u) {
+            if (u->first == t->first) last = u;
+        }
+        if (str(r.GetTypeInfo(t->first)) != str(last->second)) line("!! type text");
     }
     std::map<int, std::set<std::string>> names;
     std::string properties;
