@@ -40,6 +40,12 @@ NumberText DecimalText(std::int64_t value) noexcept {
     return out;
 }
 
+NumberText DecimalText(std::int32_t value) noexcept {
+    NumberText out;
+    out.length = static_cast<std::size_t>(std::to_chars(out.text, out.text + kNumberRoom, value).ptr - out.text);
+    return out;
+}
+
 char* PutEventTimeText(std::int64_t time, char* out, char* limit) noexcept {
     if (time == 0 || time % kThousand != 0) return std::to_chars(out, limit, time).ptr;
     char* end = std::to_chars(out, limit - 1, time / kThousand).ptr;  // room for the suffix

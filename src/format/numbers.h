@@ -32,8 +32,9 @@ struct NumberText {
 
 // ---- Writing ----------------------------------------------------------------------------------
 
-// Decimal, with "-" when negative.
+// Decimal, with "-" when negative (the 32-bit form converts faster).
 NumberText DecimalText(std::int64_t value) noexcept;
+NumberText DecimalText(std::int32_t value) noexcept;
 // The event-time form: "0"; a non-zero multiple of 1000 as its quotient followed by "k" (the
 // quotient is not divided again); anything else in full.
 NumberText EventTimeText(std::int64_t time) noexcept;

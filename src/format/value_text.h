@@ -52,30 +52,41 @@ bool PutStdLogicText(Sink& out, const unsigned char* bytes) {
 // The float text: "NaN" or "%g"; at most 40 bytes at `out`. Returns the text.
 std::string_view FloatText(const unsigned char* bytes, char (&out)[40]) noexcept;
 
-// The text of the value at `bytes` of `type` (not the std_logic type, see PutStdLogicText).
+// The text of an enumeration value (4 bytes at `bytes`: the literal's position).
 template <class Sink>
-ValueWritten PutValueText(Sink& out, const TypeHandle& type, const unsigned char* bytes) {
-    auto written = [](bool ok) { return ok ? ValueWritten::kDone : ValueWritten::kWriteFailed; };
+ValueWritten PutEnumerationText(Sink& out, const TypeHandle& type, const unsigned char* bytes) {
+    char text[kLiteralRoom];
+    if (!type.LiteralText(bytes, text, sizeof text)) return ValueWritten::kNoLiteral;
+    bool ok;
+    if (type.AllowsStdLogicConversion()) {
+        ok = out.Put(text[0]);
+    } else if (type.IsCharValue(bytes)) {
+        const char quoted[3] = {kCharacterQuote, text[0], kCharacterQuote};
+        ok = out.Write(std::string_view(quoted, 3));
+    } else {
+        ok = PutString(out, text);
+    }
+    return ok ? ValueWritten::kDone : ValueWritten::kWriteFailed;
+}
+
+// The text of the value at `bytes` of `type` (not the std_logic type, see PutStdLogicText).
+// Written once per value of a block: the numeric kinds stay small enough to inline.
+template <class Sink>
+inline ValueWritten PutValueText(Sink& out, const TypeHandle& type, const unsigned char* bytes) {
+    bool ok;
     switch (type.Kind()) {
-        case kTypeEnumeration: {
-            char text[kLiteralRoom];
-            if (!type.LiteralText(bytes, text, sizeof text)) return ValueWritten::kNoLiteral;
-            if (type.AllowsStdLogicConversion()) return written(out.Put(text[0]));
-            if (type.IsCharValue(bytes)) {
-                const char quoted[3] = {kCharacterQuote, text[0], kCharacterQuote};
-                return written(out.Write(std::string_view(quoted, 3)));
-            }
-            return written(PutString(out, text));
-        }
-        case kTypeInteger: return written(PutInteger(out, static_cast<std::int32_t>(LittleEndian::Load<std::uint32_t>(bytes))));
+        case kTypeEnumeration: return PutEnumerationText(out, type, bytes);
+        case kTypeInteger: ok = PutInteger(out, static_cast<std::int32_t>(LittleEndian::Load<std::uint32_t>(bytes))); break;
         case kTypeFloat: {
             char text[40];
-            return written(out.Write(FloatText(bytes, text)));
+            ok = out.Write(FloatText(bytes, text));
+            break;
         }
         case kTypePhysical:
-        case kTypeLongInteger: return written(PutWide(out, static_cast<std::int64_t>(LittleEndian::Load<std::uint64_t>(bytes))));
+        case kTypeLongInteger: ok = PutWide(out, static_cast<std::int64_t>(LittleEndian::Load<std::uint64_t>(bytes))); break;
         default: return ValueWritten::kNoText;
     }
+    return ok ? ValueWritten::kDone : ValueWritten::kWriteFailed;
 }
 
 // ---- Reading ----------------------------------------------------------------------------------

@@ -160,7 +160,7 @@ const char* KTarvelWrite::GetFileName() { return m_fileName.c_str(); }
 // ---- Time -------------------------------------------------------------------------------------
 
 bool KTarvelWrite::MoveTime(const int64& offset) {
-    return Guard([&] {
+    return Guard([&]() noexcept {
         if (offset < 0) return Error("Negative offset in MoveTime");
         if (offset > 0) {
             m_time += offset;
@@ -171,7 +171,7 @@ bool KTarvelWrite::MoveTime(const int64& offset) {
 }
 
 bool KTarvelWrite::SetTime(const int64& time) {
-    return Guard([&] {
+    return Guard([&]() noexcept {
         if (time < m_time) return Error("SetTime tries to move back in time");
         if (time > m_time) {
             m_time = time;
@@ -184,7 +184,7 @@ bool KTarvelWrite::SetTime(const int64& time) {
 const int64& KTarvelWrite::GetTime() { return m_time; }
 
 bool KTarvelWrite::SetDelta(unsigned delta) {
-    return Guard([&] {
+    return Guard([&]() noexcept {
         if (delta < m_delta) return Error("SetDelta tries to move back in time");
         m_delta = delta;
         return true;

@@ -133,13 +133,18 @@ private:
 
     // Runs an operation: false at once once the writer has failed; exhausted memory inside
     // `body` is the failure "Out of memory".
+    // A noexcept body (the time operations, called once per time step) needs no handler.
     template <class Fn>
     bool Guard(Fn&& body) {
         if (m_failed) return false;
-        try {
+        if constexpr (noexcept(body())) {
             return body();
-        } catch (const std::bad_alloc&) {
-            return Error("Out of memory");
+        } else {
+            try {
+                return body();
+            } catch (const std::bad_alloc&) {
+                return Error("Out of memory");
+            }
         }
     }
     void WriteLog(const char* format, std::va_list args) noexcept;
