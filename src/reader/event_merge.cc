@@ -1,5 +1,5 @@
-// The merged event pass: entries with their cursors, the hash table of waiting stamps and the
-// heap that orders them. Reader facade layer; one thread at a time.
+// The merged event pass: entries with their decoded events, the hash table of waiting stamps
+// and the heap that orders them. Reader facade layer; one thread at a time.
 #include "reader/event_merge.h"
 
 #include <new>
@@ -35,11 +35,18 @@ KEventMerge::KEventMerge(const Vector<Source>& sources) {
         for (std::uint32_t s = slots; s > 1; s >>= 1) --m_shift;
         for (std::uint32_t i = 0; i < slots; ++i) m_slots[i] = Slot{0, 0, -1};
         m_heap = AllocateArray<Stamp>(n + 1);
-        m_entries = AllocateArray<Entry>(n);
+        m_hot = AllocateArray<Hot>(n);
+        m_cold = AllocateArray<Cold>(n);
         for (const Source& source : sources) {
-            new (&m_entries[m_entryCount]) Entry(source.handle, source.store);
+            const unsigned events = source.store->count();
+            const auto room = static_cast<std::uint8_t>(events < kAhead ? (events > 0 ? events : 1) : kAhead);
+            m_hot[m_entryCount] = Hot{source.handle, -1, static_cast<std::uint32_t>(m_decodedCount), room, 0, 0,
+                                      static_cast<std::uint8_t>(source.store->GetSize()), false};
+            m_decodedCount += room;
+            new (&m_cold[m_entryCount]) Cold(source.store);
             ++m_entryCount;
         }
+        m_decoded = AllocateArray<Decoded>(m_decodedCount);
     } catch (...) {
         FreeAll();
         throw;
@@ -49,18 +56,40 @@ KEventMerge::KEventMerge(const Vector<Source>& sources) {
 KEventMerge::~KEventMerge() { FreeAll(); }
 
 void KEventMerge::FreeAll() noexcept {
-    for (std::int32_t i = m_entryCount; i-- > 0;) m_entries[i].~Entry();
+    for (std::int32_t i = m_entryCount; i-- > 0;) m_cold[i].~Cold();
     m_entryCount = 0;
-    Free(m_entries);
+    Free(m_decoded);
+    Free(m_cold);
+    Free(m_hot);
     Free(m_heap);
     Free(m_slots);
-    m_entries = nullptr;
+    m_decoded = nullptr;
+    m_cold = nullptr;
+    m_hot = nullptr;
     m_heap = nullptr;
     m_slots = nullptr;
 }
 
-Stamp KEventMerge::StampOf(const Entry& entry) {
-    return Stamp{entry.cursor.GetTime(), static_cast<std::int32_t>(entry.cursor.GetDelta())};
+bool KEventMerge::Refill(std::int32_t entry) {
+    Hot& hot = m_hot[entry];
+    Cold& cold = m_cold[entry];
+    hot.at = 0;
+    hot.count = 0;
+    if (hot.finished) return false;
+    const KEventsStore& store = *cold.store;
+    Decoded* run = m_decoded + hot.base;
+    bool ok = cold.started ? store.GetNextEvent(&cold.cursor) : store.GetFirstEvent(&cold.cursor);
+    cold.started = true;
+    for (unsigned n = 0; ok; ok = store.GetNextEvent(&cold.cursor)) {
+        Decoded& d = run[n];
+        d.time = cold.cursor.GetTime();
+        d.delta = static_cast<std::int32_t>(cold.cursor.GetDelta());
+        if (hot.valueSize > 0) cold.cursor.GetValue(d.value, hot.valueSize);
+        hot.count = static_cast<std::uint8_t>(++n);
+        if (n == hot.room) return true;
+    }
+    hot.finished = true;
+    return hot.count > 0;
 }
 
 // Fibonacci hashing of the time with the delta folded in (deltas are small, times are often
@@ -73,39 +102,9 @@ std::uint32_t KEventMerge::Home(const Stamp& stamp) const {
 
 bool KEventMerge::Start() {
     for (std::int32_t e = 0; e < m_entryCount; ++e) {
-        Entry& entry = m_entries[e];
-        if (entry.store->GetFirstEvent(&entry.cursor)) Wait(e, StampOf(entry));
+        if (Refill(e)) Wait(e, StampOf(e));
     }
     return TakeSmallest();
-}
-
-bool KEventMerge::Next() {
-    if (m_batch < 0) return false;
-    const std::int32_t e = m_batch;
-    Entry& entry = m_entries[e];
-    m_batch = entry.next;
-    if (entry.store->GetNextEvent(&entry.cursor)) {
-        const Stamp stamp = StampOf(entry);
-        if (stamp == m_now) {  // another event at the same stamp: it is the newest, so it is next
-            entry.next = m_batch;
-            m_batch = e;
-            return true;
-        }
-        if (stamp < m_now && m_batch >= 0) {
-            // A store whose time goes back: the rest of the batch waits again under its stamp,
-            // in the same order, and the earlier stamp comes first.
-            const std::uint32_t rest = SlotFor(m_now);
-            m_slots[rest].head = m_batch;
-            m_batch = -1;
-        }
-        Wait(e, stamp);
-    }
-    return m_batch >= 0 || TakeSmallest();
-}
-
-void KEventMerge::CurrentValue(unsigned char* buffer) const {
-    const Entry& entry = m_entries[m_batch];
-    if (entry.valueSize > 0) entry.cursor.GetValue(buffer, static_cast<unsigned>(entry.valueSize));
 }
 
 std::uint32_t KEventMerge::Probe(const Stamp& stamp) const {
@@ -115,7 +114,6 @@ std::uint32_t KEventMerge::Probe(const Stamp& stamp) const {
 }
 
 std::uint32_t KEventMerge::SlotFor(const Stamp& stamp) {
-    if (m_lastValid && m_lastStamp == stamp) return m_lastSlot;
     const std::uint32_t i = Probe(stamp);
     if (m_slots[i].head < 0) {  // a new stamp (its list is filled by the caller)
         m_slots[i] = Slot{stamp.time, stamp.delta, -1};
@@ -127,10 +125,10 @@ std::uint32_t KEventMerge::SlotFor(const Stamp& stamp) {
     return i;
 }
 
-void KEventMerge::Wait(std::int32_t entry, const Stamp& stamp) {
-    Slot& slot = m_slots[SlotFor(stamp)];
-    m_entries[entry].next = slot.head;
-    slot.head = entry;
+void KEventMerge::PutBackBatch() {
+    if (m_batch < 0) return;
+    m_slots[SlotFor(m_now)].head = m_batch;
+    m_batch = -1;
 }
 
 bool KEventMerge::TakeSmallest() {
@@ -142,6 +140,7 @@ bool KEventMerge::TakeSmallest() {
     const std::uint32_t i = Probe(m_now);  // every stamp on the heap has its slot
     m_batch = m_slots[i].head;
     EraseSlot(i);
+    Prefetch(m_batch);
     return true;
 }
 
@@ -188,8 +187,8 @@ Stamp KEventMerge::HeapPop() {
 
 std::uint64_t KEventMerge::MemoryBytes() const {
     const std::uint64_t n = static_cast<std::uint64_t>(m_entryCount);
-    return (std::uint64_t{m_mask} + 1) * sizeof(Slot) + (n + 1) * sizeof(Stamp) + n * sizeof(Entry) +
-           n * sizeof(EventCursor);
+    return (std::uint64_t{m_mask} + 1) * sizeof(Slot) + (n + 1) * sizeof(Stamp) +
+           n * (sizeof(Hot) + sizeof(Cold) + sizeof(EventCursor)) + m_decodedCount * sizeof(Decoded);
 }
 
 }  // namespace Tarvel
