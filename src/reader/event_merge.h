@@ -74,8 +74,9 @@ public:
     std::uint64_t MemoryBytes() const;
 
 private:
-    // Events decoded at a time per entry (fewer for a store that holds fewer).
-    static constexpr unsigned kAhead = 16;
+    // Events decoded at a time per entry (fewer for a store that holds fewer). Fewer refills
+    // matter most when thousands of stores take turns; see docs/design.md.
+    static constexpr unsigned kAhead = 32;
     struct Decoded {
         int64 time;
         std::int32_t delta;
