@@ -4,8 +4,6 @@
 
 #include <new>
 
-#include "store/event_cursor.h"
-
 namespace Tarvel {
 namespace {
 
@@ -183,12 +181,6 @@ Stamp KEventMerge::HeapPop() {
     }
     m_heap[i] = last;
     return top;
-}
-
-std::uint64_t KEventMerge::MemoryBytes() const {
-    const std::uint64_t n = static_cast<std::uint64_t>(m_entryCount);
-    return (std::uint64_t{m_mask} + 1) * sizeof(Slot) + (n + 1) * sizeof(Stamp) +
-           n * (sizeof(Hot) + sizeof(Cold) + sizeof(EventCursor)) + m_decodedCount * sizeof(Decoded);
 }
 
 }  // namespace Tarvel

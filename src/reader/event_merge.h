@@ -70,9 +70,6 @@ public:
     // values) into `buffer`.
     inline void CurrentValue(unsigned char* buffer) const;
 
-    // Bytes this merge holds on the heap (its tables, buffers and cursors), for the benchmarks.
-    std::uint64_t MemoryBytes() const;
-
 private:
     // Events decoded at a time per entry (fewer for a store that holds fewer). Fewer refills
     // matter most when thousands of stores take turns; see docs/design.md.
