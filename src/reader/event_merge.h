@@ -131,7 +131,13 @@ private:
     void EraseSlot(std::uint32_t index);
     void HeapPush(const Stamp& stamp);
     Stamp HeapPop();
-    void Prefetch(std::int32_t entry) const { __builtin_prefetch(&Current(entry)); }
+    void Prefetch(std::int32_t entry) const {
+#if defined(__GNUC__) || defined(__clang__)
+        __builtin_prefetch(&Current(entry));
+#else
+        (void)entry;
+#endif
+    }
 
     Hot* m_hot = nullptr;           // one per source, in entry order
     Cold* m_cold = nullptr;         // one per source, in entry order
