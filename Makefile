@@ -44,6 +44,7 @@ bench: deps
 	cmake -S . -B build/release $(GEN) -DCMAKE_BUILD_TYPE=Release -DTARVEL_TESTS=OFF -DTARVEL_BENCH=ON
 	cmake --build build/release -j $(JOBS)
 	./build/release/bench/store_bench
+	./build/release/bench/stream_reader_bench
 
 clean:
 	rm -rf build

@@ -8,5 +8,6 @@
 #include <tarvel/sourcer.h>
 #include <tarvel/writer.h>
 #include <tarvel/raw_reader.h>
+#include <tarvel/reader.h>
 
 #endif  // TARVEL_TARVEL_H

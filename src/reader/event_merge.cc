@@ -1,0 +1,186 @@
+// The merged event pass: entries with their decoded events, the hash table of waiting stamps
+// and the heap that orders them. Reader facade layer; one thread at a time.
+#include "reader/event_merge.h"
+
+#include <new>
+
+namespace Tarvel {
+namespace {
+
+// Smallest power of two that is at least `n` (n >= 1).
+std::uint32_t PowerOfTwoAtLeast(std::uint64_t n) {
+    std::uint32_t p = 1;
+    while (p < n) p <<= 1;
+    return p;
+}
+
+template <class T>
+T* AllocateArray(std::size_t count) {
+    return static_cast<T*>(Allocate(count * sizeof(T)));
+}
+
+}  // namespace
+
+KEventMerge::KEventMerge(const Vector<Source>& sources) {
+    const std::size_t n = sources.size();
+    try {
+        // Every stamp in the table has an entry waiting on it, so the table never holds more than
+        // n stamps; twice that many slots keep the probe runs short.
+        const std::uint32_t slots = PowerOfTwoAtLeast(2 * static_cast<std::uint64_t>(n) + 2);
+        m_slots = AllocateArray<Slot>(slots);
+        m_mask = slots - 1;
+        m_shift = 64;
+        for (std::uint32_t s = slots; s > 1; s >>= 1) --m_shift;
+        for (std::uint32_t i = 0; i < slots; ++i) m_slots[i] = Slot{0, 0, -1};
+        m_heap = AllocateArray<Stamp>(n + 1);
+        m_hot = AllocateArray<Hot>(n);
+        m_cold = AllocateArray<Cold>(n);
+        for (const Source& source : sources) {
+            const unsigned events = source.store->count();
+            const auto room = static_cast<std::uint8_t>(events < kAhead ? (events > 0 ? events : 1) : kAhead);
+            m_hot[m_entryCount] = Hot{source.handle, -1, static_cast<std::uint32_t>(m_decodedCount), room, 0, 0,
+                                      static_cast<std::uint8_t>(source.store->GetSize()), false};
+            m_decodedCount += room;
+            new (&m_cold[m_entryCount]) Cold(source.store);
+            ++m_entryCount;
+        }
+        m_decoded = AllocateArray<Decoded>(m_decodedCount);
+    } catch (...) {
+        FreeAll();
+        throw;
+    }
+}
+
+KEventMerge::~KEventMerge() { FreeAll(); }
+
+void KEventMerge::FreeAll() noexcept {
+    for (std::int32_t i = m_entryCount; i-- > 0;) m_cold[i].~Cold();
+    m_entryCount = 0;
+    Free(m_decoded);
+    Free(m_cold);
+    Free(m_hot);
+    Free(m_heap);
+    Free(m_slots);
+    m_decoded = nullptr;
+    m_cold = nullptr;
+    m_hot = nullptr;
+    m_heap = nullptr;
+    m_slots = nullptr;
+}
+
+bool KEventMerge::Refill(std::int32_t entry) {
+    Hot& hot = m_hot[entry];
+    Cold& cold = m_cold[entry];
+    hot.at = 0;
+    hot.count = 0;
+    if (hot.finished) return false;
+    const KEventsStore& store = *cold.store;
+    Decoded* run = m_decoded + hot.base;
+    bool ok = cold.started ? store.GetNextEvent(&cold.cursor) : store.GetFirstEvent(&cold.cursor);
+    cold.started = true;
+    for (unsigned n = 0; ok; ok = store.GetNextEvent(&cold.cursor)) {
+        Decoded& d = run[n];
+        d.time = cold.cursor.GetTime();
+        d.delta = static_cast<std::int32_t>(cold.cursor.GetDelta());
+        if (hot.valueSize > 0) cold.cursor.GetValue(d.value, hot.valueSize);
+        hot.count = static_cast<std::uint8_t>(++n);
+        if (n == hot.room) return true;
+    }
+    hot.finished = true;
+    return hot.count > 0;
+}
+
+// Fibonacci hashing of the time with the delta folded in (deltas are small, times are often
+// multiples of a period: the multiplication spreads both over the top bits).
+std::uint32_t KEventMerge::Home(const Stamp& stamp) const {
+    const std::uint64_t key =
+        static_cast<std::uint64_t>(stamp.time) ^ (static_cast<std::uint64_t>(static_cast<std::uint32_t>(stamp.delta)) * 0xFF51AFD7ED558CCDull);
+    return static_cast<std::uint32_t>((key * 0x9E3779B97F4A7C15ull) >> m_shift);
+}
+
+bool KEventMerge::Start() {
+    for (std::int32_t e = 0; e < m_entryCount; ++e) {
+        if (Refill(e)) Wait(e, StampOf(e));
+    }
+    return TakeSmallest();
+}
+
+std::uint32_t KEventMerge::Probe(const Stamp& stamp) const {
+    std::uint32_t i = Home(stamp);
+    while (m_slots[i].head >= 0 && !(m_slots[i].time == stamp.time && m_slots[i].delta == stamp.delta)) i = (i + 1) & m_mask;
+    return i;
+}
+
+std::uint32_t KEventMerge::SlotFor(const Stamp& stamp) {
+    const std::uint32_t i = Probe(stamp);
+    if (m_slots[i].head < 0) {  // a new stamp (its list is filled by the caller)
+        m_slots[i] = Slot{stamp.time, stamp.delta, -1};
+        HeapPush(stamp);
+    }
+    m_lastSlot = i;
+    m_lastStamp = stamp;
+    m_lastValid = true;
+    return i;
+}
+
+void KEventMerge::PutBackBatch() {
+    if (m_batch < 0) return;
+    m_slots[SlotFor(m_now)].head = m_batch;
+    m_batch = -1;
+}
+
+bool KEventMerge::TakeSmallest() {
+    if (m_heapSize == 0) {
+        m_batch = -1;
+        return false;
+    }
+    m_now = HeapPop();
+    const std::uint32_t i = Probe(m_now);  // every stamp on the heap has its slot
+    m_batch = m_slots[i].head;
+    EraseSlot(i);
+    Prefetch(m_batch);
+    return true;
+}
+
+// Backward-shift deletion: later slots of the probe run whose home does not lie cyclically in
+// (hole, slot] move into the hole, so lookups never need tombstones.
+void KEventMerge::EraseSlot(std::uint32_t hole) {
+    m_lastValid = false;
+    for (std::uint32_t j = (hole + 1) & m_mask; m_slots[j].head >= 0; j = (j + 1) & m_mask) {
+        const std::uint32_t home = Home(Stamp{m_slots[j].time, m_slots[j].delta});
+        const bool stays = hole <= j ? (hole < home && home <= j) : (hole < home || home <= j);
+        if (stays) continue;
+        m_slots[hole] = m_slots[j];
+        hole = j;
+    }
+    m_slots[hole].head = -1;
+}
+
+void KEventMerge::HeapPush(const Stamp& stamp) {
+    std::uint32_t i = m_heapSize++;
+    while (i > 0) {
+        const std::uint32_t parent = (i - 1) / 2;
+        if (!(stamp < m_heap[parent])) break;
+        m_heap[i] = m_heap[parent];
+        i = parent;
+    }
+    m_heap[i] = stamp;
+}
+
+Stamp KEventMerge::HeapPop() {
+    const Stamp top = m_heap[0];
+    const Stamp last = m_heap[--m_heapSize];
+    std::uint32_t i = 0;
+    for (;;) {
+        std::uint32_t child = 2 * i + 1;
+        if (child >= m_heapSize) break;
+        if (child + 1 < m_heapSize && m_heap[child + 1] < m_heap[child]) ++child;
+        if (!(m_heap[child] < last)) break;
+        m_heap[i] = m_heap[child];
+        i = child;
+    }
+    m_heap[i] = last;
+    return top;
+}
+
+}  // namespace Tarvel

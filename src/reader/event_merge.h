@@ -1,0 +1,189 @@
+// KEventMerge: one pass over the events of many stores, merged into ascending (time, delta) with
+// the newest waiting store first among equal stamps. Reader facade layer; one thread at a time.
+//
+// The order is that of a map from (time, delta) to a list of stores: every store waits in the
+// list of its current event's stamp, appended at the end; the next event is the last store of
+// the smallest stamp's list, which then steps and is appended to its next stamp's list.
+//
+// How it gets that order cheaply. Each stamp that has waiting stores is one slot of a hash
+// table holding the head of an intrusive list through the entries; a store is prepended, so a
+// list read from its head is that stamp's list from the end. A min-heap holds the distinct
+// stamps. The smallest stamp is taken out of both at once and its list becomes the batch of
+// current events; a store whose next event has the batch's stamp goes back on the batch's
+// front. Per event: a read of the entry's decoded events and a prepend (the slot of the last
+// stamp used is kept, so stores that change together find it without hashing); per distinct
+// stamp: one heap push and pop. Everything is allocated when the pass starts; stepping never
+// allocates.
+//
+// Memory layout. Walking many stores in time order meets each store's cursor, body and chunks
+// out of cache, so each entry decodes its store's next events (up to kAhead) at once into a
+// run of its own in one shared array; the per-event work touches only a small array of hot
+// entry state and the current item of the entry's run, which is prefetched while the event
+// before it is handed out. The cursors (cold state) are met once per refill.
+#ifndef TARVEL_READER_EVENT_MERGE_H
+#define TARVEL_READER_EVENT_MERGE_H
+
+#include <cstdint>
+#include <cstring>
+
+#include "foundation/memory.h"
+#include "tarvel/events_store.h"
+
+namespace Tarvel {
+
+// A (time, delta) point; ordered by time, then delta, both signed.
+struct Stamp {
+    int64 time;
+    std::int32_t delta;
+
+    friend bool operator==(const Stamp& a, const Stamp& b) { return a.time == b.time && a.delta == b.delta; }
+    friend bool operator<(const Stamp& a, const Stamp& b) {
+        return a.time < b.time || (a.time == b.time && a.delta < b.delta);
+    }
+};
+
+class KEventMerge {
+public:
+    // One store taking part, in the order the stores are given (the entry order).
+    struct Source {
+        std::int32_t handle;        // what CurrentHandle() answers for its events
+        const KEventsStore* store;  // must stay unchanged while the merge lives
+    };
+
+    // Prepares a pass over `sources` (stores without events may be among them). May throw
+    // std::bad_alloc; nothing is then left allocated.
+    explicit KEventMerge(const Vector<Source>& sources);
+    ~KEventMerge();
+    KEventMerge(const KEventMerge&) = delete;
+    KEventMerge& operator=(const KEventMerge&) = delete;
+
+    // Puts every store on its first event, in entry order, and stands on the first event of the
+    // merged order. Returns false when no store has an event. Call once.
+    bool Start();
+    // Steps to the next event; false after the last (the merge is then exhausted).
+    inline bool Next();
+
+    // The current event. REQUIRES: the last Start or Next returned true.
+    std::int32_t CurrentHandle() const { return m_hot[m_batch].handle; }
+    const Stamp& CurrentStamp() const { return m_now; }
+    // Copies the current event's value (its store's value size; nothing for a store without
+    // values) into `buffer`.
+    inline void CurrentValue(unsigned char* buffer) const;
+
+private:
+    // Events decoded at a time per entry (fewer for a store that holds fewer). Fewer refills
+    // matter most when thousands of stores take turns; see docs/design.md.
+    static constexpr unsigned kAhead = 32;
+    struct Decoded {
+        int64 time;
+        std::int32_t delta;
+        unsigned char value[8];  // the store's value bytes (valueSize of them)
+    };
+    // What the merge reads for every event of the entry.
+    struct Hot {
+        std::int32_t handle;
+        std::int32_t next;       // the entry after this one in its list; -1 at the end
+        std::uint32_t base;      // the entry's first item in m_decoded
+        std::uint8_t room;       // the entry's items in m_decoded
+        std::uint8_t at;         // the current event among them
+        std::uint8_t count;      // events decoded into them
+        std::uint8_t valueSize;  // the store's value size (0, 4 or 8)
+        bool finished;           // the store has no events beyond those decoded
+    };
+    // What the entry needs once per refill.
+    struct Cold {
+        explicit Cold(const KEventsStore* s) : store(s) {}
+        const KEventsStore* store;
+        bool started = false;  // the cursor stands on the last decoded event
+        KEventData cursor;
+    };
+    // A hash slot: a stamp with waiting entries, and the head of their list (-1: slot free).
+    struct Slot {
+        int64 time;
+        std::int32_t delta;
+        std::int32_t head;
+    };
+
+    void FreeAll() noexcept;
+    // Decodes the entry's next events; false when its store has no more.
+    bool Refill(std::int32_t entry);
+    const Decoded& Current(std::int32_t entry) const { return m_decoded[m_hot[entry].base + m_hot[entry].at]; }
+    Stamp StampOf(std::int32_t entry) const {
+        const Decoded& d = Current(entry);
+        return Stamp{d.time, d.delta};
+    }
+    std::uint32_t Home(const Stamp& stamp) const;
+    // The slot holding `stamp`, or the free slot where it belongs.
+    std::uint32_t Probe(const Stamp& stamp) const;
+    // The slot of `stamp`, made (with an empty list, and pushed on the heap) when it has none.
+    std::uint32_t SlotFor(const Stamp& stamp);
+    // Puts `entry` in front of the list of `stamp`.
+    void Wait(std::int32_t entry, const Stamp& stamp) {
+        Slot& slot = m_slots[m_lastValid && m_lastStamp == stamp ? m_lastSlot : SlotFor(stamp)];
+        m_hot[entry].next = slot.head;
+        slot.head = entry;
+    }
+    // The rest of the batch waits again under its stamp, in its order (a store went back in time).
+    void PutBackBatch();
+    // Makes the smallest waiting stamp the current batch; false when nothing waits.
+    bool TakeSmallest();
+    // Removes the slot at `index`, moving later slots of its probe run back.
+    void EraseSlot(std::uint32_t index);
+    void HeapPush(const Stamp& stamp);
+    Stamp HeapPop();
+    void Prefetch(std::int32_t entry) const {
+#if defined(__GNUC__) || defined(__clang__)
+        __builtin_prefetch(&Current(entry));
+#else
+        (void)entry;
+#endif
+    }
+
+    Hot* m_hot = nullptr;           // one per source, in entry order
+    Cold* m_cold = nullptr;         // one per source, in entry order
+    Decoded* m_decoded = nullptr;   // the entries' decoded events, one run of `room` per entry
+    std::uint64_t m_decodedCount = 0;
+    std::int32_t m_entryCount = 0;  // entries constructed so far
+    Slot* m_slots = nullptr;        // open-addressed with linear probing; a power of two of them
+    std::uint32_t m_mask = 0;       // slot count - 1
+    int m_shift = 0;                // 64 - log2(slot count), for the multiplicative hash
+    Stamp* m_heap = nullptr;        // min-heap of the stamps that have a slot
+    std::uint32_t m_heapSize = 0;
+    std::uint32_t m_lastSlot = 0;   // the slot SlotFor answered last ...
+    Stamp m_lastStamp{0, 0};        // ... and its stamp, valid while m_lastValid (erasing moves slots)
+    bool m_lastValid = false;
+    std::int32_t m_batch = -1;      // the current entry, head of the current batch; -1 when none
+    Stamp m_now{0, 0};              // the current batch's stamp
+};
+
+inline bool KEventMerge::Next() {
+    if (m_batch < 0) return false;
+    const std::int32_t e = m_batch;
+    Hot& hot = m_hot[e];
+    m_batch = hot.next;
+    if (m_batch >= 0) Prefetch(m_batch);
+    if (++hot.at < hot.count || Refill(e)) {
+        const Stamp stamp = StampOf(e);
+        if (stamp == m_now) {  // another event at the same stamp: it is the newest, so it is next
+            hot.next = m_batch;
+            m_batch = e;
+            return true;
+        }
+        if (stamp < m_now) PutBackBatch();
+        Wait(e, stamp);
+    }
+    return m_batch >= 0 || TakeSmallest();
+}
+
+inline void KEventMerge::CurrentValue(unsigned char* buffer) const {
+    const unsigned char* value = Current(m_batch).value;
+    switch (m_hot[m_batch].valueSize) {
+        case 4: std::memcpy(buffer, value, 4); break;
+        case 8: std::memcpy(buffer, value, 8); break;
+        default: break;
+    }
+}
+
+}  // namespace Tarvel
+
+#endif  // TARVEL_READER_EVENT_MERGE_H
