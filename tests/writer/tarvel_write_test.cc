@@ -422,10 +422,16 @@ TEST(TarvelWrite, KilledWritersLeaveFilesCompleteUpToTheirLastCommit) {
         std::size_t at = 0, endTimes = 0;
         bool ended = false;
         while (at < bytes.size()) {
+            // A commit mark ends the file for a reader at its first byte: the rest of its line may
+            // have been cut by the kill (a write stopped at a page boundary).
+            if (bytes[at] == ':') {
+                ended = true;
+                break;
+            }
             const std::size_t end = bytes.find("\r\n", at);
             ASSERT_NE(end, std::string::npos) << "kill " << kill << ": cut line before the commit point";
             const std::string line = bytes.substr(at, end - at);
-            if (line[0] == ':' || line == "$ENDWAVE") {
+            if (line == "$ENDWAVE") {
                 ended = true;
                 if (line == "$ENDWAVE") {
                     EXPECT_EQ(end + 2, bytes.size()) << "kill " << kill << ": bytes after the terminator";
