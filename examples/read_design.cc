@@ -26,11 +26,13 @@ std::string LocalName(IRawTarvelRead& r, const SignalIterator& signal) {
     return name;
 }
 
-// The full name: the local names from the top down, joined with '.'.
+// The full name: the local names from the top down, joined with '.', except that an element's
+// index ("(7)") follows its bus directly.
 std::string FullName(IRawTarvelRead& r, SignalIterator signal) {
     std::string full;
     while (signal != r.EndSignals()) {
-        full = full.empty() ? LocalName(r, signal) : LocalName(r, signal) + "." + full;
+        const bool index = !full.empty() && full[0] == '(';
+        full = full.empty() ? LocalName(r, signal) : LocalName(r, signal) + (index ? "" : ".") + full;
         SignalIterator parent;
         r.GetSignalPlace(signal, nullptr, nullptr, nullptr, nullptr, &parent, nullptr);
         signal = parent;
