@@ -19,6 +19,7 @@
 #include "foundation/platform.h"
 #include "format/lexer_test_support.h"
 #include "rawreader/raw_reader_dump.h"
+#include "tarvel/diagnostics.h"
 #include "tarvel/raw_reader.h"
 #include "tarvel/writer.h"
 #include "typeinfo/type_service.h"
@@ -422,6 +423,10 @@ TEST(RawReader, RandomDesignsReadBackAsWritten) {
             Reader reader = Open(path);
             ASSERT_NE(reader, nullptr);
             ASSERT_EQ(expected, Dump(*reader));
+            TarvelDiagnosis d;
+            if (seed % 10 == 0) {
+                EXPECT_TRUE(DiagnoseTarvelFile(path.c_str(), &d)) << d.reason;
+            }
         } catch (const std::exception& e) {
             FAIL() << e.what();
         }
@@ -631,7 +636,8 @@ TEST(RawReader, WrappedNumbersInDamagedFilesStayBounded) {
     }
 }
 
-// Every prefix of a small written file: refused until its terminator is whole, never a crash.
+// Every prefix of a small written file: refused until its terminator is whole, never a crash;
+// the diagnosis of a refused prefix names its end, with the reason that the file ends early.
 TEST(RawReader, TruncatedFilesAreRefusedWithoutFaults) {
     ScratchFolder folder;
     const std::string path = folder.File("whole.twf");
@@ -644,6 +650,12 @@ TEST(RawReader, TruncatedFilesAreRefusedWithoutFaults) {
     for (std::size_t n = 0; n <= whole.size(); ++n) {
         FileOf cut(whole.substr(0, n));
         ASSERT_EQ(cut.reader != nullptr, n >= complete) << "prefix of " << n << " bytes";
+        TarvelDiagnosis d;
+        ASSERT_EQ(DiagnoseTarvelFile(cut.folder.File("f.twf").c_str(), &d), n >= complete);
+        if (n < complete) {
+            EXPECT_EQ(d.offset, static_cast<int64>(n)) << "prefix of " << n << " bytes: " << d.reason;
+            EXPECT_EQ(std::string(d.reason).rfind(n == 0 ? "the file is empty" : "file ends", 0), 0u) << n << ": " << d.reason;
+        }
         int faults = 0;
         if (cut.reader) Dump(*cut.reader, ~0u, &faults);
         EXPECT_EQ(faults, 0) << "prefix of " << n << " bytes";
