@@ -15,6 +15,7 @@
 #include "rawreader/sourcer_access.h"
 #include "store/store_access.h"
 #include "format/vocabulary.h"
+#include "tarvel/port_mode.h"
 
 namespace Tarvel {
 namespace {
@@ -604,6 +605,14 @@ IRawTarvelRead* CreateRawTarvelRead(const char* fileName) {
         return nullptr;
     }
     return reader;
+}
+
+bool GetSignalPortMode(IRawTarvelRead* reader, int signalNr, int* mode) {
+    const auto* raw = dynamic_cast<const KRawTarvelRead*>(reader);
+    const SignalEntry* entry = raw ? raw->EntryOfSignal(signalNr) : nullptr;
+    if (!entry || !mode) return false;
+    *mode = entry->mode;
+    return true;
 }
 
 void DeleteRawTarvelRead(IRawTarvelRead* reader) {

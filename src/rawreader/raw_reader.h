@@ -104,6 +104,8 @@ public:
     int Version() const { return m_version; }
     bool EndedAtTerminator() const { return m_endedAtTerminator; }
     std::int64_t EndOfRead() const { return m_lexer.SavedPosition(); }
+    // For GetSignalPortMode: the entry of the signal `handle`, null when unknown.
+    const SignalEntry* EntryOfSignal(std::int32_t handle) const { return Find(handle); }
 
     // For the iterators.
     std::size_t SignalCount() const { return m_signals.size(); }
