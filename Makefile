@@ -9,14 +9,14 @@ GEN := -G Ninja
 deps:
 	@scripts/install-deps.sh
 
-# The demo alone, in Release: no tests, no benchmarks.
+# The tool alone, in Release: no tests, no benchmarks.
 build-demo: deps
 	cmake -S . -B build/demo $(GEN) -DCMAKE_BUILD_TYPE=Release -DTARVEL_TESTS=OFF -DTARVEL_BENCH=OFF
-	cmake --build build/demo -j $(JOBS) --target tarvel_demo
+	cmake --build build/demo -j $(JOBS) --target tarvel_cli
 
-# Builds in Release and runs the main job on a built-in example.
+# Builds the tool in Release and runs its built-in example: writes DEMO_FILE, then shows it.
 demo: build-demo
-	./build/demo/tools/tarvel_demo $(CYCLES) $(DEMO_FILE)
+	./build/demo/tools/tarvel/tarvel demo --cycles $(CYCLES) -o $(DEMO_FILE)
 
 # Builds and runs every test: the plain build, then AddressSanitizer+UndefinedBehaviorSanitizer
 # (with short fuzz runs), then ThreadSanitizer over the store-sharing tests.
