@@ -4,7 +4,7 @@ CYCLES ?= 1000000
 DEMO_FILE ?= build/demo.twf
 GEN := -G Ninja
 
-.PHONY: demo test deps build-demo test-main test-asan test-tsan bench clean
+.PHONY: demo test deps build-demo test-main test-asan test-tsan bench package clean
 
 deps:
 	@scripts/install-deps.sh
@@ -45,6 +45,14 @@ bench: deps
 	cmake --build build/release -j $(JOBS)
 	./build/release/bench/store_bench
 	./build/release/bench/stream_reader_bench
+
+# A Debian package of a Release build (libraries, headers, CMake and pkg-config files, the tool):
+# build/release/tarvel_<version>_<arch>.deb. `cmake --install build/release --prefix DIR` installs
+# the same without a package.
+package: deps
+	cmake -S . -B build/release $(GEN) -DCMAKE_BUILD_TYPE=Release -DTARVEL_TESTS=OFF
+	cmake --build build/release -j $(JOBS) --target tarvel sorvat tarvel_cli
+	cd build/release && cpack -G DEB
 
 clean:
 	rm -rf build
