@@ -8,13 +8,18 @@
 // letting us take a read lease on it (fcntl F_SETLEASE; taken and given back at once). The
 // writer closes the file at its last Release; after that, one more read on takes in everything
 // it committed, and follow ends. Where leases are not available (a file of another user, a file
-// system without leases), follow runs until interrupted.
+// system without leases), follow runs until interrupted. A follower started by the writing
+// process itself (a simulator that starts `tarvel follow`) inherits the writer's descriptor; it
+// closes its copy first, or it would hold the file open for writing itself.
+#include <dirent.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <memory>
 
@@ -59,6 +64,25 @@ Writers WritersOf(const std::string& path) {
     }
     close(fd);
     return writers;
+}
+
+// Closes the descriptors of `path` open for writing that this process inherited.
+void CloseInheritedWriters(const std::string& path) {
+    struct stat file {};
+    DIR* fds = opendir("/proc/self/fd");
+    if (!fds || stat(path.c_str(), &file) != 0) {
+        if (fds) closedir(fds);
+        return;
+    }
+    const int own = dirfd(fds);
+    while (const dirent* entry = readdir(fds)) {
+        const int fd = std::atoi(entry->d_name);
+        struct stat open {};
+        if (entry->d_name[0] == '.' || fd == own || fstat(fd, &open) != 0) continue;
+        const int flags = fcntl(fd, F_GETFL);
+        if (open.st_dev == file.st_dev && open.st_ino == file.st_ino && flags >= 0 && (flags & O_ACCMODE) != O_RDONLY) close(fd);
+    }
+    closedir(fds);
 }
 
 // Prints the events that the chosen signals gained since the last call.
@@ -128,6 +152,7 @@ void ReportEnd(const std::string& path) {
 
 int Follow(const std::string& path, const std::vector<std::string>& names, int interval) {
     CatchInterrupts();
+    CloseInheritedWriters(path);
     std::unique_ptr<WaveFile> file = OpenWhenCommitted(path, names, interval);
     if (g_interrupted) return kExitOk;
     if (!file) {
