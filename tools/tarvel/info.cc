@@ -84,7 +84,7 @@ int ShowInfo(const std::string& path) {
     std::printf("file        %s, %lld bytes\n", path.c_str(), bytes);
     std::printf("header      %s\n", HeaderText(diagnosis).c_str());
     std::printf("resolution  %lld fs: times in units of %s\n", static_cast<long long>(r.GetResolution()), times.UnitText().c_str());
-    std::printf("end time    %s", times.Text(r.GetEndTime()).c_str());
+    std::printf("end time    %s = %s", times.Text(r.GetEndTime()).c_str(), times.ReadableText(r.GetEndTime()).c_str());
     if (n.anyEvent) std::printf(" (last event at %s)", times.Text(n.lastEvent).c_str());
     std::printf("\nsignals     %s, %s, %s, %s", Plural(n.scalars, "with values", "with values").c_str(),
                 Plural(n.buses, "bus", "buses").c_str(), Plural(n.virtualBuses, "virtual bus", "virtual buses").c_str(),

@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <limits>
 
@@ -132,6 +133,15 @@ std::string TimeFormat::Text(int64 time) const {
     const int64 limit = m_scale ? std::numeric_limits<int64>::max() / m_scale : 0;
     if (m_scale == 0 || time > limit || time < -limit) return std::to_string(time) + "*" + std::to_string(m_resolution) + "fs";
     return std::to_string(time * m_scale) + m_unit;
+}
+
+std::string TimeFormat::ReadableText(int64 time) const {
+    const long double fs = static_cast<long double>(time) * static_cast<long double>(m_resolution);
+    int unit = 0;
+    while (unit < 5 && std::fabs(fs) >= static_cast<long double>(PowerOfTen(3 * (unit + 1)))) ++unit;
+    char text[64];
+    std::snprintf(text, sizeof text, "%.7Lg %s", fs / static_cast<long double>(PowerOfTen(3 * unit)), kUnits[unit]);
+    return text;
 }
 
 std::string TimeFormat::UnitText() const {

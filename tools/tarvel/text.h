@@ -34,6 +34,8 @@ public:
     explicit TimeFormat(int64 resolution);
     // "5000ps", "12ns"; a resolution that is no power of ten shows "7*250fs".
     std::string Text(int64 time) const;
+    // The time in the largest unit it reaches, to six digits: "10 ms", "9.999995 ms", "250 fs".
+    std::string ReadableText(int64 time) const;
     // The resolution for people: "1 ps", "10 ns", "250 fs".
     std::string UnitText() const;
     // Reads a time of the command line: a whole number of file units ("5000"), or a number with
