@@ -86,7 +86,7 @@ int ShowInfo(const std::string& path) {
     std::printf("resolution  %lld fs: times in units of %s\n", static_cast<long long>(r.GetResolution()), times.UnitText().c_str());
     std::printf("end time    %s = %s", times.Text(r.GetEndTime()).c_str(), times.ReadableText(r.GetEndTime()).c_str());
     if (n.anyEvent) std::printf(" (last event at %s)", times.Text(n.lastEvent).c_str());
-    std::printf("\nsignals     %s, %s, %s, %s", Plural(n.scalars, "with values", "with values").c_str(),
+    std::printf("\nsignals     %d with values, %s, %s, %s", n.scalars,
                 Plural(n.buses, "bus", "buses").c_str(), Plural(n.virtualBuses, "virtual bus", "virtual buses").c_str(),
                 Plural(n.scopes, "scope", "scopes").c_str());
     if (n.opaque) std::printf(", %s", Plural(n.opaque, "of a type without values", "of types without values").c_str());
