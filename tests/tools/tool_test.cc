@@ -315,7 +315,17 @@ int ExitOf(pid_t pid) {
 
 void Sleep(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 
+// Whether this file system lets follow see that a writer closed its file (Linux file leases).
+bool LeasesWork(const fs::path& path) {
+    Write(path, "");
+    const int fd = open(path.c_str(), O_RDONLY);
+    const bool works = fcntl(fd, F_SETLEASE, F_RDLCK) == 0;
+    close(fd);
+    return works;
+}
+
 TEST_F(ToolTest, FollowPrintsEachCommitOnceAndEndsWhenTheWriterCloses) {
+    if (!LeasesWork(File("lease"))) GTEST_SKIP() << "no file leases here: follow runs until interrupted";
     const fs::path path = File("live.twf");
     Tarvel::ITarvelWrite* w = Tarvel::CreateStreamWriteTimed(path.c_str());
     ASSERT_NE(w, nullptr);
