@@ -118,11 +118,14 @@ private:
     // Parsing (raw_reader.cc).
     bool ReadHeader();
     bool ParseLines();
+    // Failure paths that record a fault (format/lexer.h, "Faults") and return false: a line that
+    // failed without one of its own, and the end of the file inside a declaration or a block.
     bool LineFailed();
+    bool DeclarationFailed();
+    bool BlockFailed();
     bool ParseLine(int c, bool* stop);
     bool ParseKeyword(int& c, bool* stop);
     bool ParseDeclaration(int& c, int mode, bool bus);
-    bool DeclarationFailed();
     bool ParseVersion2Tail(int& c, SignalEntry& entry, bool hasX, std::int32_t x);
     // Skips blanks; true when a number starts at `c`.
     bool NumberFollows(int& c);
@@ -148,8 +151,7 @@ private:
     bool ParseValue(int& c, const SignalEntry& typed, unsigned char* bytes);
     bool ParseSourcePart(int& c, KEventsStore& store, std::uint32_t eventsBefore);
     bool ExpectKeyword(int& c, std::string_view word);
-    bool TooManyEvents();
-    bool BlockFailed();
+    bool TooManyEvents();  // records the fault of a store that would outgrow its limit
     void SizeStore(SignalEntry& entry);
 
     // Lookups.
