@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build, tests and benchmarks need, when they are missing.
+# Installs the Debian packages the build, tests, benchmarks and `make package` need (pkgconf for
+# the install test, dpkg-dev for the package's dependencies), when they are missing.
 # As root it installs them with apt-get; otherwise it prints the command to run and fails.
 set -euo pipefail
-packages=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev make)
+packages=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev make
+          pkgconf dpkg-dev)
 missing=()
 for p in "${packages[@]}"; do
   if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
