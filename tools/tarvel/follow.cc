@@ -8,9 +8,10 @@
 // letting us take a read lease on it (fcntl F_SETLEASE; taken and given back at once). The
 // writer closes the file at its last Release; after that, one more read on takes in everything
 // it committed, and follow ends. Where leases are not available (a file of another user, a file
-// system without leases), follow runs until interrupted. A follower started by the writing
-// process itself (a simulator that starts `tarvel follow`) inherits the writer's descriptor; it
-// closes its copy first, or it would hold the file open for writing itself.
+// system without leases), follow runs until interrupted. The library opens its files
+// close-on-exec, so a follower started by the writing process does not inherit the writer's
+// descriptor; one started by a writer of an older build of the library would, so follow closes
+// any such copy first, or it would hold the file open for writing itself.
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
