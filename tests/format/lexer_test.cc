@@ -109,6 +109,27 @@ TEST(Lexer, LineEndsStopOnTheLineFeed) {
     EXPECT_FALSE(crossing.lexer.Expect(crossing.c, '='));  // Expect does not cross a line feed
 }
 
+// SkipLine passes over anything up to the line feed, in reads of any size, and stops as
+// EndOfLine does: on the line feed, with the next line's first byte not yet read.
+TEST(Lexer, SkipLinePassesOverTheRestOfTheLine) {
+    const std::string bytes = "a \"x\n\nbc\rdef\n\nlast";
+    for (unsigned seed = 0; seed < 20; ++seed) {
+        Testing::ChoppyInput choppy(seed, 1 + seed % 5);
+        Lexed in(bytes);
+        std::string starts;
+        for (;;) {
+            starts += static_cast<char>(in.c);
+            if (!in.lexer.SkipLine(in.c)) break;
+            EXPECT_EQ(in.c, '\n');
+            EXPECT_TRUE(in.lexer.SkipLine(in.c));  // standing on the line feed: nothing more
+            in.c = in.lexer.Next();
+        }
+        EXPECT_EQ(starts, "a\nb\nl") << seed;
+        EXPECT_EQ(in.c, KLexer::kEnd);
+        EXPECT_FALSE(in.lexer.SkipLine(in.c));
+    }
+}
+
 TEST(Lexer, TokensAcrossTheBlockBoundary) {
     const std::string tokens = "-1234567k \"q\\\"uoted\" 'c' bare=";
     for (std::size_t cut = 0; cut <= tokens.size(); ++cut) {
