@@ -238,23 +238,27 @@ struct SIGINFO {
     char* name;          // the full name, NUL-terminated; made with new[]
 };
 
-// Opens `fileName` like CreateRawTarvelRead, but keeps only what `selection` picks: a signal
-// whose handle is a key of `selection` and whose full name is one of that key's names (a signal
-// declared with an empty name: whatever the names), together with the parts of a picked bus (its
-// elements, and buses declared inside it, with their elements). The reader answers as the full
-// reader does for those signals: place, type, properties, events and sources. The scopes,
-// buses and virtual buses above them are there as well, with their place, type and properties
-// but without events, so that every kept signal has its parent; a signal's child count counts
-// the children the reader holds. Nothing else is there: no other signal, none of its events, no
-// property of it in the property walk. Signals come in declaration order, except that one
-// that a Continue entered as the parent of a new signal follows the signals read before.
-// Events of the signals left out are passed over without being stored: the reader costs a scan
-// of the file plus the work and memory of the kept events. Blocks of signals left out are
-// checked only for their structure and their time-point definitions.
+// Opens `fileName` like CreateRawTarvelRead, but keeps only what `selection` picks: each signal
+// or bus whose handle is a key of `selection` and whose full name is one of that key's names (a
+// declaration with an empty name: whatever the names; a key without names picks nothing else),
+// with the parts of a picked bus (its elements, and the signals and buses declared inside it,
+// with their elements). For those the reader answers as the full reader does: place, type,
+// properties, events, sources. The scopes, buses and virtual buses they stand in are there too,
+// with their place, type and properties but no events, elements or members of their own, so that
+// every kept signal has its parent; a child count counts the children the reader holds. Nothing
+// else: no other signal, none of its events, none of its properties in the property walk. The
+// file's resolution, end time, types, sources and own properties are the full reader's.
+// Signals come in declaration order, except that a parent first needed after a Continue follows
+// the signals read before.
+// Costs: events of signals not kept are passed over without being stored or decoded, so the
+// reader costs a scan of the file's bytes plus the work and memory of the kept events. Lines of
+// blocks passed over are checked only for their structure (their time-point definitions are
+// taken), so a file damaged only there reads filtered.
 // Null for a file the full reader would not read, for an older layout, and when memory runs
-// out. A null `selection` keeps nothing, as an empty one does. The reader copies what it needs of
-// `selection` while the factory runs (the caller may free it afterwards; Continue keeps using the
-// copy). The caller owns the reader and gives it back with DeleteRawTarvelRead.
+// out. A null `selection` keeps nothing, as an empty one does. The reader copies the names of
+// `selection` while the factory runs: the caller may free it afterwards, and Continue selects
+// the signals declared after a commit by the same names. The caller owns the reader and gives
+// it back with DeleteRawTarvelRead.
 TARVEL_API IRawTarvelRead* CreateFilteredRawTarvelRead(const char* fileName, std::map<int, std::vector<char*>*>* selection);
 
 // Lists every signal and bus declaration of `fileName` into `result` without reading events:

@@ -140,12 +140,12 @@ std::size_t KRawTarvelRead::SignalBound() const {
 
 void KRawTarvelRead::FinishSelection() {
     if (!m_selection || Listing()) return;
-    const std::size_t before = m_signals.size();
     for (std::size_t i = 0; i < m_signals.size(); ++i) {  // grows with the ancestors entered
         const std::int32_t parent = m_signals[i].parent;
         if (!Find(parent) && m_selection->FindSetAside(parent)) EnterAncestor(parent);
     }
-    if (m_signals.size() != before) OrderNewSignals();
+    const auto bySequence = [](const SignalEntry& a, const SignalEntry& b) { return a.sequence < b.sequence; };
+    if (!std::is_sorted(m_signals.begin() + static_cast<std::ptrdiff_t>(m_ordered), m_signals.end(), bySequence)) OrderNewSignals();
     m_ordered = m_signals.size();
     for (SignalEntry& entry : m_signals) entry.childCount = 0;
     for (const SignalEntry& entry : m_signals) {
@@ -153,27 +153,33 @@ void KRawTarvelRead::FinishSelection() {
     }
 }
 
-void KRawTarvelRead::EnterAncestor(std::int32_t handle) {
-    const SetAsideSignal& aside = *m_selection->FindSetAside(handle);
+// The entry of `handle`: the one held, or one entered from the declaration set aside (as the
+// full reader has it from that declaration, in its place in declaration order), or a new one.
+SignalEntry& KRawTarvelRead::Hold(std::int32_t handle) {
+    if (SignalEntry* held = Find(handle)) return *held;
+    const SetAsideSignal* aside = m_selection->FindSetAside(handle);
+    if (!aside) return Declare(handle);
     SignalEntry made;  // filled first, so that a failing copy leaves nothing half entered
-    made.name = aside.name;
+    made.name = aside->name;
     SignalEntry& entry = Declare(handle);
     entry.name.swap(made.name);
-    entry.typeId = aside.typeId;
-    entry.mode = aside.mode;
-    entry.parent = aside.parent;
-    entry.position = aside.position;
-    entry.width = aside.width;
-    entry.isBus = aside.isBus;
-    entry.isVirtual = aside.isVirtual;
-    entry.endTime = aside.endTime;
-    entry.sequence = aside.sequence;
-    entry.ancestorOnly = true;
+    entry.typeId = aside->typeId;
+    entry.mode = aside->mode;
+    entry.parent = aside->parent;
+    entry.position = aside->position;
+    entry.width = aside->width;
+    entry.isBus = aside->isBus;
+    entry.isVirtual = aside->isVirtual;
+    entry.endTime = aside->endTime;
+    entry.sequence = aside->sequence;
     m_selection->Forget(handle);
+    return entry;
 }
 
+void KRawTarvelRead::EnterAncestor(std::int32_t handle) { Hold(handle).ancestorOnly = true; }
+
 // Puts the entries since the last finishing step in declaration order: the ancestors entered
-// now were declared before the signals under them. Made as a new vector and swapped in, so that
+// now, and declarations set aside that an element list then named, were declared before. Made as a new vector and swapped in, so that
 // a failing copy leaves the entries as they were. Signals of earlier parses keep their positions
 // (signal iterators hold positions).
 void KRawTarvelRead::OrderNewSignals() {

@@ -343,8 +343,7 @@ bool KRawTarvelRead::ParseElementList(int& c, std::int32_t busHandle) {
         const auto given = m_elementPositions.find(handle);
         const std::int32_t position = given != m_elementPositions.end() ? given->second : static_cast<std::int32_t>(i);
         if (given != m_elementPositions.end()) m_elementPositions.erase(given);
-        SignalEntry& element = Declare(handle);
-        if (m_selection) m_selection->Forget(handle);  // listed in a kept bus: held from now on
+        SignalEntry& element = m_selection ? Hold(handle) : Declare(handle);
         const SignalEntry* busEntry = Find(busHandle);  // again: Declare may have moved the entries
         if (!busEntry) return false;
         const SignalEntry& bus = *busEntry;

@@ -175,6 +175,7 @@ private:
     std::int32_t KnownParent(const DeclarationLine& line);
     void FullName(std::int32_t parent, std::string_view name, String& out);
     bool SkipElementList(int& c, std::int32_t bus);
+    SignalEntry& Hold(std::int32_t handle);
     void FinishSelection();
     void EnterAncestor(std::int32_t handle);
     void OrderNewSignals();

@@ -15,43 +15,13 @@
 
 #include "format/lexer_test_support.h"
 #include "rawreader/random_design.h"
+#include "rawreader/selection_support.h"
 #include "rawreader/raw_reader_dump.h"
 #include "tarvel/raw_reader.h"
 #include "tarvel/writer.h"
 
 namespace Tarvel::Testing {
 namespace {
-
-using Listing = std::unordered_map<int, std::vector<SIGINFO*>*>;
-
-// A listing that frees itself.
-struct OwnedListing {
-    Listing map;
-    OwnedListing() = default;
-    explicit OwnedListing(const std::string& path) { CreateRawTarvelPreRead(path.c_str(), &map); }
-    ~OwnedListing() { DeleteRawTarvelPreRead(&map); }
-    // The names listed under `handle`, in order.
-    std::vector<std::string> Names(int handle) const {
-        std::vector<std::string> names;
-        const auto found = map.find(handle);
-        if (found != map.end() && found->second) {
-            for (const SIGINFO* info : *found->second) names.push_back(info->flag == 1 ? info->name : "!! flag");
-        }
-        return names;
-    }
-};
-
-// A selection with storage of its own: handle -> names.
-struct Selection {
-    std::deque<std::string> texts;
-    std::deque<std::vector<char*>> vectors;
-    std::map<int, std::vector<char*>*> map;
-    void Add(int handle, const std::vector<std::string>& names) {
-        std::vector<char*>& v = vectors.emplace_back();
-        for (const std::string& name : names) v.push_back(texts.emplace_back(name).data());
-        map[handle] = &v;
-    }
-};
 
 Reader OpenFiltered(const std::string& path, Selection* selection) {
     return Reader(CreateFilteredRawTarvelRead(path.c_str(), selection ? &selection->map : nullptr), DeleteRawTarvelRead);
