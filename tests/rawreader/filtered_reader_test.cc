@@ -309,6 +309,13 @@ TEST(FilteredReader, PartsOfBusesParentsAndSkippedBlocks) {
         for (const auto& [handle, name] : picked) selection.Add(handle, {name});
         EXPECT_EQ(FilteredDumpOf(kTree, &selection), ExpectedDump(full, kept, tree)) << picked.front().second;
     }
+    // A bus set aside that a kept bus then lists as an element is held as it was declared: its
+    // own list is bounded by its width, and it keeps its place in declaration order.
+    const std::string listed = std::string("$WAVE4\r\n") + kStd + "I 2 \"a#3#slv[1d0]e#9#std_logicc9 UX01ZWLH-\"\r\n"
+                               "$BUS OUT 5 2 2 d\r\n$BUS OUT 7 2 2 k\r\nS 5 0\r\nS 8 1\r\n$SC 5 8\r\n$SCBUS 5 9-10\r\n$ENDWAVE\r\n";
+    Selection k;
+    k.Add(7, {"k"});
+    EXPECT_EQ(FilteredDumpOf(listed, &k), ExpectedDump(DumpOf(listed), {5, 7, 8, 9, 10}, {{5, 7}, {7, -1}, {8, 7}, {9, 5}, {10, 5}}));
 }
 
 // Every declaration under its handle, in file order, with its full name; a file cut anywhere
