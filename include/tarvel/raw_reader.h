@@ -227,10 +227,11 @@ TARVEL_API void DeleteRawTarvelRead(IRawTarvelRead* reader);
 // "$WAVE4TIMED"); files of the older layouts are refused.
 //
 // Keys and names. Both key a declaration by its handle (the signal's number in the file, as
-// GetSignalHandle() answers it) and name it by its full name: the names of its parent chain, as
-// the file has declared it up to that declaration, joined with '.' from the top down (a name
-// starting with '(' follows its parent directly), e.g. "tb.dut.count". Elements of a bus have no
-// declaration of their own: they are neither listed nor picked, and come with their bus.
+// GetSignalHandle() answers it) and name it by its full name: the local names of its parents and
+// its own, joined with '.' from the top down (a name starting with '(' follows its parent
+// directly), e.g. "tb.dut.count", the parents being those the file has given it when it is
+// declared. Elements of a bus have no declaration of their own: they are neither listed nor
+// picked, and come with their bus.
 
 // One declaration listed by CreateRawTarvelPreRead. The caller owns it (see there).
 struct SIGINFO {
@@ -239,15 +240,15 @@ struct SIGINFO {
 };
 
 // Opens `fileName` like CreateRawTarvelRead, but keeps only what `selection` picks: each signal
-// or bus whose handle is a key of `selection` and whose full name is one of that key's names (a
-// declaration with an empty name: whatever the names; a key without names picks nothing else),
-// with the parts of a picked bus (its elements, and the signals and buses declared inside it,
-// with their elements). For those the reader answers as the full reader does: place, type,
-// properties, events, sources. The scopes, buses and virtual buses they stand in are there too,
-// with their place, type and properties but no events, elements or members of their own, so that
-// every kept signal has its parent; a child count counts the children the reader holds. Nothing
-// else: no other signal, none of its events, none of its properties in the property walk. The
-// file's resolution, end time, types, sources and own properties are the full reader's.
+// or bus whose handle is a key of `selection` and whose full name is one of that key's names (or
+// whose declared name is empty: it is picked by its handle alone), with the parts of a picked
+// bus (its elements, and the signals and buses declared inside it, with their elements). For
+// those the reader answers as the full reader does: place, type, properties, events, sources.
+// The scopes, buses and virtual buses they stand in are there too, with their place, type and
+// properties but no events, elements or members of their own, so that every kept signal has its
+// parent; a child count counts the children the reader holds. Nothing else: no other signal,
+// none of its events, none of its properties in the property walk. The file's resolution, end
+// time, types, sources and own properties are the full reader's.
 // Signals come in declaration order, except that a parent first needed after a Continue follows
 // the signals read before.
 // Costs: events of signals not kept are passed over without being stored or decoded, so the
