@@ -255,8 +255,8 @@ struct SIGINFO {
 // reader costs a scan of the file's bytes plus the work and memory of the kept events. Lines of
 // blocks passed over are checked only for their structure (their time-point definitions are
 // taken), so a file damaged only there reads filtered.
-// Null for a file the full reader would not read, for an older layout, and when memory runs
-// out. A null `selection` keeps nothing, as an empty one does. The reader copies the names of
+// Null, as CreateRawTarvelRead, for a file it cannot read (damage in lines passed over aside),
+// for an older layout, and when memory runs out. A null `selection` keeps nothing, as an empty one does. The reader copies the names of
 // `selection` while the factory runs: the caller may free it afterwards, and Continue selects
 // the signals declared after a commit by the same names. The caller owns the reader and gives
 // it back with DeleteRawTarvelRead.
