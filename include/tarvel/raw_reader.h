@@ -43,7 +43,10 @@
 #include <tarvel/events_store.h>
 #include <tarvel/sourcer.h>
 
+#include <map>
+#include <unordered_map>
 #include <utility>
+#include <vector>
 
 namespace Tarvel {
 
@@ -212,8 +215,69 @@ public:
 // Opens and reads the waveform file `fileName` up to its last commit; null when it cannot be
 // read (see Failures above). The caller owns the answer.
 TARVEL_API IRawTarvelRead* CreateRawTarvelRead(const char* fileName);
-// Closes the file and destroys the reader (null allowed).
+// Closes the file and destroys the reader (null allowed), also one of
+// CreateFilteredRawTarvelRead.
 TARVEL_API void DeleteRawTarvelRead(IRawTarvelRead* reader);
+
+// ---- Reading part of a file ---------------------------------------------------------------------
+//
+// A viewer of a large file lists what the file declares without reading events
+// (CreateRawTarvelPreRead), then loads only the signals the user picked
+// (CreateFilteredRawTarvelRead). Both read files of the current layout only ("$WAVE4" and
+// "$WAVE4TIMED"); files of the older layouts are refused.
+//
+// Keys and names. Both key a declaration by its handle (the signal's number in the file, as
+// GetSignalHandle() answers it) and name it by its full name: the local names of its parents and
+// its own, joined with '.' from the top down (a name starting with '(' follows its parent
+// directly), e.g. "tb.dut.count", the parents being those the file has given it when it is
+// declared. Elements of a bus have no declaration of their own: they are neither listed nor
+// picked, and come with their bus.
+
+// One declaration listed by CreateRawTarvelPreRead. The caller owns it (see there).
+struct SIGINFO {
+    unsigned char flag;  // always 1
+    char* name;          // the full name, NUL-terminated; made with new[]
+};
+
+// Opens `fileName` like CreateRawTarvelRead, but keeps only what `selection` picks: each signal
+// or bus whose handle is a key of `selection` and whose full name is one of that key's names (or
+// whose declared name is empty: it is picked by its handle alone), with the parts of a picked
+// bus (its elements, and the signals and buses declared inside it, with their elements). For
+// those the reader answers as the full reader does: place, type, properties, events, sources.
+// The scopes, buses and virtual buses they stand in are there too, with their place, type and
+// properties but no events, elements or members of their own, so that every kept signal has its
+// parent; a child count counts the children the reader holds. Nothing else: no other signal,
+// none of its events, none of its properties in the property walk. The file's resolution, end
+// time, types, sources and own properties are the full reader's.
+// Signals come in declaration order, except that a parent first needed after a Continue follows
+// the signals read before.
+// Costs: events of signals not kept are passed over without being stored or decoded, so the
+// reader costs a scan of the file's bytes plus the work and memory of the kept events. Lines of
+// blocks passed over are checked only for their structure (their time-point definitions are
+// taken), so a file damaged only there reads filtered.
+// Null, as CreateRawTarvelRead, for a file it cannot read (damage in lines passed over aside),
+// for an older layout, and when memory runs out. A null `selection` keeps nothing, as an empty one does. The reader copies the names of
+// `selection` while the factory runs: the caller may free it afterwards, and Continue selects
+// the signals declared after a commit by the same names. The caller owns the reader and gives
+// it back with DeleteRawTarvelRead.
+TARVEL_API IRawTarvelRead* CreateFilteredRawTarvelRead(const char* fileName, std::map<int, std::vector<char*>*>* selection);
+
+// Lists every signal and bus declaration of `fileName` into `result` without reading events:
+// for each declaration, in file order, a new SIGINFO (flag 1, a copy of the full name) is
+// appended to the vector under its handle, a new vector being made (with new) and inserted for a
+// handle that has none (or a null one); a handle declared twice gets two records. Nothing else
+// of `result` is touched. Reads the file up to its terminator or commit mark; when the file is
+// of an older layout, cannot be opened, is cut short or damaged, or memory runs out, `result`
+// holds what was listed until then, each record complete, and nothing is left allocated besides
+// it. Nothing is thrown or printed.
+// Ownership: the caller owns the vectors, the records and the names. Free them with
+// DeleteRawTarvelPreRead, or, when the caller and the library share one C++ runtime, with
+// `delete[] info->name; delete info;` for each record and `delete vector;` for each vector.
+TARVEL_API void CreateRawTarvelPreRead(const char* fileName, std::unordered_map<int, std::vector<SIGINFO*>*>* result);
+
+// Frees every vector, record and name in `result` (as CreateRawTarvelPreRead made them) and
+// empties it. Null allowed.
+TARVEL_API void DeleteRawTarvelPreRead(std::unordered_map<int, std::vector<SIGINFO*>*>* result);
 
 }  // namespace Tarvel
 

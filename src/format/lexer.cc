@@ -78,6 +78,20 @@ bool KLexer::EndOfLineOrFile(int& c) noexcept {
     return true;
 }
 
+bool KLexer::SkipLineSlow(int& c) noexcept {
+    while (c != '\n' && c != kEnd) {
+        const void* lf = std::memchr(m_next, '\n', static_cast<std::size_t>(m_end - m_next));
+        if (lf != nullptr) {
+            m_next = static_cast<const unsigned char*>(lf) + 1;
+            c = '\n';
+            break;
+        }
+        m_next = m_end;
+        c = Next();
+    }
+    return c == '\n';
+}
+
 bool KLexer::Expect(int& c, int wanted) noexcept {
     while (c != '\n' && IsSpace(c)) c = Next();
     return c == wanted;

@@ -34,6 +34,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 
 #include "foundation/memory.h"
 
@@ -107,6 +108,21 @@ public:
     }
     // As EndOfLine, but kEnd is a line end as well (for the last line of a file).
     bool EndOfLineOrFile(int& c) noexcept;
+    // Passes over the rest of the line, whatever it holds: from `c` up to the next line feed,
+    // which is left in `c` as EndOfLine leaves it. False, with `c` kEnd, when the file ends first.
+    // The bytes are searched in the buffer, not read one by one.
+    bool SkipLine(int& c) noexcept {
+        if (c == '\n') return true;
+        if (c != kEnd) {
+            const void* lf = std::memchr(m_next, '\n', static_cast<std::size_t>(m_end - m_next));
+            if (lf != nullptr) {
+                m_next = static_cast<const unsigned char*>(lf) + 1;
+                c = '\n';
+                return true;
+            }
+        }
+        return SkipLineSlow(c);
+    }
     // Skips whitespace other than LF from `c`; true when `c` is then `wanted`. Does not consume
     // it: the caller moves on with Next().
     bool Expect(int& c, int wanted) noexcept;
@@ -178,6 +194,7 @@ public:
 private:
     int NextSlow() noexcept;
     bool EndOfLineAfterBlanks(int& c) noexcept;
+    bool SkipLineSlow(int& c) noexcept;
     // Reads the next block into the buffer. False when nothing arrived (end of file or no file).
     bool Refill() noexcept;
 

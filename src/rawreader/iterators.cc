@@ -115,16 +115,13 @@ const Property& PropertyIterator::operator*() const { return m_cursor->current; 
 const Property* PropertyIterator::operator->() const { return &m_cursor->current; }
 
 // Steps to the next signal of the line, then to the next line; iteration ends at a line
-// without signals.
+// without signals (see SeatProperty).
 PropertyIterator& PropertyIterator::operator++() {
     if (!m_cursor) return *this;
-    if (!m_cursor->reader->SeatProperty((++m_cursor->signal, *m_cursor))) {
-        ++m_cursor->record;
-        m_cursor->signal = 0;
-        if (!m_cursor->reader->SeatProperty(*m_cursor)) {
-            DestroyObject(m_cursor);
-            m_cursor = nullptr;
-        }
+    ++m_cursor->signal;
+    if (!m_cursor->reader->SeatProperty(*m_cursor)) {
+        DestroyObject(m_cursor);
+        m_cursor = nullptr;
     }
     return *this;
 }

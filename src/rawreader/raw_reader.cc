@@ -12,6 +12,8 @@
 #include "format/numbers.h"
 #include "format/strings.h"
 #include "format/type_strings.h"
+#include "rawreader/filtered_reader.h"
+#include "rawreader/selection.h"
 #include "rawreader/sourcer_access.h"
 #include "store/store_access.h"
 #include "format/vocabulary.h"
@@ -36,6 +38,8 @@ bool KRawTarvelRead::Open(const char* fileName) {
     try {
         m_fileName = fileName;
         if (!m_lexer.Open(fileName) || !ReadHeader()) return false;
+        // A filtered or listing parse reads the current layout only.
+        if (m_selection && m_version != 4) return false;
         return m_version == 1 ? ParseOldLayout() : ParseLines();
     } catch (const std::bad_alloc&) {
         return m_lexer.FailAt(m_lexer.Position(), "out of memory");
@@ -62,16 +66,24 @@ bool KRawTarvelRead::ReadHeader() {
 // ---- The line loop ----------------------------------------------------------------------------
 
 bool KRawTarvelRead::ParseLines() {
+    const bool parsed = ReadLines();
+    // Blocks grow the stores' last chunks as they come; what is read is final until Continue.
+    if (parsed) {
+        for (SignalEntry& entry : m_signals) ShrinkTimeSteps(entry.store);
+    }
+    // Also after a Continue that stopped at a damaged line: what it kept gets its parents.
+    FinishSelection();
+    return parsed;
+}
+
+bool KRawTarvelRead::ReadLines() {
     m_stoppedAtMark = false;
     for (;;) {
         m_lexer.SavePosition();
         bool stop = false;
         if (!ParseLine(m_lexer.Next(), &stop)) return LineFailed();
-        if (stop) break;
+        if (stop) return true;
     }
-    // Blocks grow the stores' last chunks as they come; what is read is final until Continue.
-    for (SignalEntry& entry : m_signals) ShrinkTimeSteps(entry.store);
-    return true;
 }
 
 // Every failure path of a line records its fault; this one makes sure that a fault recorded by
@@ -101,10 +113,7 @@ bool KRawTarvelRead::ParseLine(int c, bool* stop) {
     }
 }
 
-bool KRawTarvelRead::SkipLine(int& c) {
-    while (c != '\n' && c != KLexer::kEnd) c = m_lexer.Next();
-    return c == '\n' || m_lexer.FailAtEnd(KLexer::kEndsInsideLine);
-}
+bool KRawTarvelRead::SkipLine(int& c) { return m_lexer.SkipLine(c) || m_lexer.FailAtEnd(KLexer::kEndsInsideLine); }
 
 bool KRawTarvelRead::ParseKeyword(int& c, bool* stop) {
     if (!m_lexer.ReadWord(c, m_word)) return m_lexer.Fail(c, "keyword expected after '$'");
@@ -169,41 +178,63 @@ SignalEntry& KRawTarvelRead::Declare(std::int32_t handle) {
     }
     SignalEntry& entry = m_signals.back();
     entry.number = handle;
+    entry.sequence = m_sequence++;
     return entry;
 }
 
 // "$" mode handle [type] [width] name [parent position [time]] (version 4), or the version-2
 // form with its tail (see docs/format.md).
 bool KRawTarvelRead::ParseDeclaration(int& c, int mode, bool bus) {
-    std::int32_t handle = 0, typeId = -1, width = 0;
-    if (!Format::ReadRelative(m_lexer, c, handle)) return false;
-    if (m_version == 4 && !Format::ReadInteger(m_lexer, c, typeId)) return false;
-    if (bus && !Format::ReadInteger(m_lexer, c, width)) return false;
+    DeclarationLine line;
+    line.mode = mode;
+    line.bus = bus;
+    if (!Format::ReadRelative(m_lexer, c, line.handle)) return false;
+    if (m_version == 4 && !Format::ReadInteger(m_lexer, c, line.typeId)) return false;
+    if (bus && !Format::ReadInteger(m_lexer, c, line.width)) return false;
     if (!Format::ReadName(m_lexer, c, m_previousName, m_scratch)) return false;
-    SignalEntry& entry = Declare(handle);
-    entry.mode = mode;
-    entry.isBus = bus;
-    entry.isVirtual = bus && mode == Format::kModeVirtualBus;
-    entry.width = width;
-    entry.name = m_previousName;
-    if (bus) m_currentBus = handle;
-    std::int32_t x = -1;
-    const bool hasX = m_lexer.SkipBlanks(c) && Format::ReadInteger(m_lexer, c, x);
-    if (m_version != 4) return ParseVersion2Tail(c, entry, hasX, x);
-    // Type index 0 is the writer's "declared without a type", unless a type line gave it.
-    const TypeHandle* type = TypeOf(typeId);
-    entry.typeId = typeId == 0 && !type ? -1 : typeId;
-    if (type) entry.type = *type;
+    line.hasX = m_lexer.SkipBlanks(c) && Format::ReadInteger(m_lexer, c, line.x);
+    if (m_version != 4) {
+        SignalEntry& entry = Declare(line.handle);
+        entry.mode = mode;
+        entry.isBus = bus;
+        entry.isVirtual = bus && mode == Format::kModeVirtualBus;
+        entry.width = line.width;
+        entry.name = m_previousName;
+        if (bus) m_currentBus = line.handle;
+        return ParseVersion2Tail(c, entry, line.hasX, line.x);
+    }
     // X (the parent) may stand alone; with Y (the position) an end time may follow. A missing end
     // time is the default end time.
-    std::int32_t y = 0;
-    const bool hasY = hasX && NumberFollows(c);
-    if (hasY && !Format::ReadInteger(m_lexer, c, y)) return false;
-    entry.endTime = m_defaultEndTime;
-    if (hasY && NumberFollows(c) && !Format::ReadWide(m_lexer, c, entry.endTime)) return false;
+    const bool hasY = line.hasX && NumberFollows(c);
+    if (hasY && !Format::ReadInteger(m_lexer, c, line.y)) return false;
+    line.endTime = m_defaultEndTime;
+    if (hasY && NumberFollows(c) && !Format::ReadWide(m_lexer, c, line.endTime)) return false;
     if (!m_lexer.EndOfLine(c)) return false;
-    if (hasX) Attach(x, handle, y);
+    if (m_selection) return SelectDeclaration(line);
+    EnterDeclaration(line);
     return true;
+}
+
+// Type index 0 is the writer's "declared without a type", unless a type line gave it.
+std::int32_t KRawTarvelRead::TypeIdOfLine(std::int32_t typeIndex) const {
+    return typeIndex == 0 && !TypeOf(typeIndex) ? -1 : typeIndex;
+}
+
+// Enters a version-4 declaration: a signal entry (or the existing one of its handle, updated),
+// the bus declared last, and its place under its parent.
+SignalEntry& KRawTarvelRead::EnterDeclaration(const DeclarationLine& line) {
+    SignalEntry& entry = Declare(line.handle);
+    entry.mode = line.mode;
+    entry.isBus = line.bus;
+    entry.isVirtual = line.bus && line.mode == Format::kModeVirtualBus;
+    entry.width = line.width;
+    entry.name = m_previousName;
+    if (line.bus) m_currentBus = line.handle;
+    entry.typeId = TypeIdOfLine(line.typeId);
+    if (const TypeHandle* type = TypeOf(line.typeId)) entry.type = *type;
+    entry.endTime = line.endTime;
+    if (line.hasX) Attach(line.x, line.handle, line.y);
+    return entry;
 }
 
 bool KRawTarvelRead::NumberFollows(int& c) {
@@ -236,20 +267,32 @@ bool KRawTarvelRead::ParseVersion2Tail(int& c, SignalEntry& entry, bool hasX, st
     return true;
 }
 
-// Makes `child` the child at `position` of `parent` when the parent is a known signal.
+// Makes `child` the child at `position` of `parent` when both are known signals. In a filtered
+// parse either may be a signal set aside: one set aside keeps its place for the day it is
+// entered as a parent, and a parent set aside is entered by the finishing step.
 void KRawTarvelRead::Attach(std::int32_t parent, std::int32_t child, std::int32_t position) {
-    SignalEntry* up = Find(parent);
+    if (parent == child) return;
     SignalEntry* down = Find(child);
-    if (!up || !down || parent == child) return;
+    if (!down) {
+        SetAsideSignal* aside = m_selection ? m_selection->FindSetAside(child) : nullptr;
+        if (aside && KnownSignal(parent)) {
+            aside->parent = parent;
+            aside->position = position;
+        }
+        return;
+    }
+    SignalEntry* up = Find(parent);
+    if (!up && !(m_selection && m_selection->FindSetAside(parent))) return;
     if (SignalEntry* old = Find(down->parent)) --old->childCount;  // one parent: attached again, it moves
     down->parent = parent;
     down->position = position;
-    ++up->childCount;
+    if (up) ++up->childCount;
 }
 
 bool KRawTarvelRead::ParseTypeLine(int& c) {
     std::int32_t id = 0;
     if (!Format::ReadInteger(m_lexer, c, id) || !Format::ReadTypeString(m_lexer, c, m_text) || !m_lexer.EndOfLine(c)) return false;
+    if (Listing()) return true;  // a listing needs no types
     // A repeated id takes the later text; both stay in the type listing.
     m_types.push_back(TypeEntry{id, TypeHandle(m_text.c_str()), m_text});
     try {
@@ -273,6 +316,7 @@ bool KRawTarvelRead::ParseProperty(int& c) {
         record.signals.push_back(handle);
     }
     if (!Format::ReadString(m_lexer, c, record.name) || !Format::ReadString(m_lexer, c, record.value) || !m_lexer.EndOfLine(c)) return false;
+    if (Listing()) return true;  // nor properties
     m_properties.push_back(std::move(record));
     for (std::int32_t handle : m_properties.back().signals) m_propertiesOf[handle].push_back(m_properties.size() - 1);
     return true;
@@ -290,22 +334,16 @@ bool KRawTarvelRead::ParseElement(int& c) {
 // bus type's child at their position.
 bool KRawTarvelRead::ParseElementList(int& c, std::int32_t busHandle) {
     const SignalEntry* target = Find(busHandle);
+    if (m_selection && (!target || target->ancestorOnly)) return SkipElementList(c, busHandle);
     if (!target) return m_lexer.FailAt(m_lexer.SavedPosition(), "element list of a bus that is not declared");
-    // A bus has at most `width` elements. And every element is a signal of its own, so the
-    // elements of all lists together may not outnumber kFreeElements plus the bytes read so far:
-    // a writer's file spends an "S" line on each element, so only damage (a wrapped width and a
-    // long range, say) meets the bound, and the memory a file can make the reader take grows
-    // with its size.
-    const std::size_t width = static_cast<std::size_t>(target->width < 0 ? 0 : target->width);
-    const std::size_t allowance = kFreeElements + static_cast<std::size_t>(m_lexer.Position()) - m_elementsListed;
-    if (!Format::ReadIndexList(m_lexer, c, m_list, std::min(width, allowance)) || !m_lexer.EndOfLine(c)) return false;
+    if (!Format::ReadIndexList(m_lexer, c, m_list, ElementListLimit(target->width)) || !m_lexer.EndOfLine(c)) return false;
     m_elementsListed += m_list.size();
     for (std::size_t i = 0; i < m_list.size(); ++i) {
         const std::int32_t handle = m_list[i];
         const auto given = m_elementPositions.find(handle);
         const std::int32_t position = given != m_elementPositions.end() ? given->second : static_cast<std::int32_t>(i);
         if (given != m_elementPositions.end()) m_elementPositions.erase(given);
-        SignalEntry& element = Declare(handle);
+        SignalEntry& element = m_selection ? Hold(handle) : Declare(handle);
         const SignalEntry* busEntry = Find(busHandle);  // again: Declare may have moved the entries
         if (!busEntry) return false;
         const SignalEntry& bus = *busEntry;
@@ -319,12 +357,23 @@ bool KRawTarvelRead::ParseElementList(int& c, std::int32_t busHandle) {
     return true;
 }
 
+// A bus has at most `width` elements. And every element is a signal of its own, so the elements
+// of all lists together may not outnumber kFreeElements plus the bytes read so far: a writer's
+// file spends an "S" line on each element, so only damage (a wrapped width and a long range, say)
+// meets the bound, and the memory a file can make the reader take grows with its size.
+std::size_t KRawTarvelRead::ElementListLimit(std::int32_t width) const {
+    const std::size_t positions = static_cast<std::size_t>(width < 0 ? 0 : width);
+    const std::size_t allowance = kFreeElements + static_cast<std::size_t>(m_lexer.Position()) - m_elementsListed;
+    return std::min(positions, allowance);
+}
+
 bool KRawTarvelRead::ParseElementEnd(int& c) {
     std::int32_t handle = 0;
     int64 time = 0;
     if (!Format::ReadInteger(m_lexer, c, handle) || !Format::ReadWide(m_lexer, c, time) || !m_lexer.EndOfLineOrFile(c)) return false;
     SignalEntry* entry = Find(handle);
-    if (!entry) return m_lexer.FailAt(m_lexer.SavedPosition(), "$ENDSC names a signal that is not declared");
+    // A filtered parse keeps no element of a bus it does not keep.
+    if (!entry) return m_selection != nullptr || m_lexer.FailAt(m_lexer.SavedPosition(), "$ENDSC names a signal that is not declared");
     entry->endTime = time;
     return true;
 }
@@ -339,7 +388,7 @@ bool KRawTarvelRead::ParseChild(int& c) {
 bool KRawTarvelRead::ParseSourceFile(int& c) {
     std::int32_t index = 0;
     if (!Format::ReadInteger(m_lexer, c, index) || !Format::ReadString(m_lexer, c, m_text) || !m_lexer.EndOfLine(c)) return false;
-    KSourcerAccess::EnterFile(m_sourcer, index, m_text);
+    if (!Listing()) KSourcerAccess::EnterFile(m_sourcer, index, m_text);
     return true;
 }
 
@@ -349,7 +398,7 @@ bool KRawTarvelRead::ParseSourceLine(int& c) {
         !m_lexer.EndOfLine(c)) {
         return false;
     }
-    KSourcerAccess::EnterPoint(m_sourcer, point, file, line);
+    if (!Listing()) KSourcerAccess::EnterPoint(m_sourcer, point, file, line);
     return true;
 }
 
@@ -576,12 +625,27 @@ bool KRawTarvelRead::Continue() {
 
 // ---- Properties -------------------------------------------------------------------------------
 
+// Seats the cursor on the first pair at or after its record and signal index: past a record's
+// last signal the next record follows, and the walk stops at a record without signals. A
+// filtered reader passes over the signals it does not hold (not the file's own, -1).
 bool KRawTarvelRead::SeatProperty(PropertyCursor& cursor) const {
-    if (cursor.record >= m_properties.size()) return false;
-    const PropertyRecord& record = m_properties[cursor.record];
-    if (cursor.signal >= record.signals.size()) return false;
-    cursor.current = Property{record.signals[cursor.signal], record.time, record.name.c_str(), record.value.c_str()};
-    return true;
+    for (;;) {
+        if (cursor.record >= m_properties.size()) return false;
+        const PropertyRecord& record = m_properties[cursor.record];
+        if (record.signals.empty()) return false;
+        if (cursor.signal >= record.signals.size()) {
+            ++cursor.record;
+            cursor.signal = 0;
+            continue;
+        }
+        const std::int32_t handle = record.signals[cursor.signal];
+        if (m_selection && handle != -1 && !Find(handle)) {
+            ++cursor.signal;
+            continue;
+        }
+        cursor.current = Property{handle, record.time, record.name.c_str(), record.value.c_str()};
+        return true;
+    }
 }
 
 IRawTarvelRead::PropertyIterator KRawTarvelRead::BeginProperties() {
@@ -617,6 +681,10 @@ bool GetSignalPortMode(IRawTarvelRead* reader, int signalNr, int* mode) {
 
 void DeleteRawTarvelRead(IRawTarvelRead* reader) {
     if (!reader) return;
+    if (auto* filtered = dynamic_cast<KRawFilteredTarvelRead*>(reader)) {
+        KRawFilteredTarvelRead::Delete(filtered);
+        return;
+    }
     auto* raw = static_cast<KRawTarvelRead*>(reader);
     raw->CloseFile();
     DestroyObject(raw);

@@ -1,7 +1,8 @@
 // KRawTarvelRead: the reader behind IRawTarvelRead. It parses a waveform file line by line
 // through the lexer into signal entries (with their events stores), a type table, properties and
-// the source table, and keeps the file open to read on after a commit mark. Raw reader layer;
-// one thread at a time.
+// the source table, and keeps the file open to read on after a commit mark. Given a selection
+// (selection.h) the same parser keeps only the selected signals, or lists the declarations
+// (filtered_reader.h). Raw reader layer; one thread at a time.
 #ifndef TARVEL_RAWREADER_RAW_READER_H
 #define TARVEL_RAWREADER_RAW_READER_H
 
@@ -19,6 +20,7 @@ namespace Tarvel {
 
 class KRawTarvelRead;
 class KBlockSteps;
+class KSelection;
 
 // One signal of the file (a signal, a bus, an element of a bus or a virtual bus).
 struct SignalEntry {
@@ -36,6 +38,8 @@ struct SignalEntry {
     std::int32_t width = 0;        // a bus's number of element positions
     TypeHandle type;               // its type, for value text (elements: the bus's element type)
     KEventsStore store;            // its events
+    std::uint64_t sequence = 0;    // place in declaration order (declarations and elements)
+    bool ancestorOnly = false;     // filtered: entered as the parent of a kept signal only
 };
 
 // One "P" line.
@@ -61,7 +65,7 @@ struct PropertyCursor {
     std::size_t signal = 0;              // index within that line's signals
 };
 
-class KRawTarvelRead final : public IRawTarvelRead {
+class KRawTarvelRead : public IRawTarvelRead {
 public:
     // Elements that element lists may name beyond one per byte of the file read (see
     // ParseElementList).
@@ -70,6 +74,9 @@ public:
     KRawTarvelRead();
     ~KRawTarvelRead() override;
 
+    // Makes the next Open a filtered or listing parse after `selection`, which must outlive the
+    // reader; such a parse reads files of the current layout only. REQUIRES: before Open.
+    void SetSelection(KSelection* selection) noexcept { m_selection = selection; }
     // Opens `fileName`, reads its header and parses it; false when the file is not readable.
     bool Open(const char* fileName);
 
@@ -115,9 +122,23 @@ public:
     void CloseFile() { m_lexer.Close(); }
 
 private:
+    // One declaration line as read, before it is entered.
+    struct DeclarationLine {
+        std::int32_t handle = 0;
+        std::int32_t typeId = -1;  // version 4: the type index
+        std::int32_t width = 0;    // buses
+        int mode = 0;
+        bool bus = false;
+        bool hasX = false;
+        std::int32_t x = -1;       // version 4: the parent
+        std::int32_t y = 0;        // version 4: the position
+        int64 endTime = 0;
+    };
+
     // Parsing (raw_reader.cc).
     bool ReadHeader();
     bool ParseLines();
+    bool ReadLines();
     // Failure paths that record a fault (format/lexer.h, "Faults") and return false: a line that
     // failed without one of its own, and the end of the file inside a declaration or a block.
     bool LineFailed();
@@ -126,6 +147,8 @@ private:
     bool ParseLine(int c, bool* stop);
     bool ParseKeyword(int& c, bool* stop);
     bool ParseDeclaration(int& c, int mode, bool bus);
+    SignalEntry& EnterDeclaration(const DeclarationLine& line);
+    std::int32_t TypeIdOfLine(std::int32_t typeIndex) const;
     bool ParseVersion2Tail(int& c, SignalEntry& entry, bool hasX, std::int32_t x);
     // Skips blanks; true when a number starts at `c`.
     bool NumberFollows(int& c);
@@ -133,6 +156,8 @@ private:
     bool ParseProperty(int& c);
     bool ParseElement(int& c);
     bool ParseElementList(int& c, std::int32_t bus);
+    // Most elements the list of a bus of `width` positions may name now.
+    std::size_t ElementListLimit(std::int32_t width) const;
     bool ParseElementEnd(int& c);
     bool ParseChild(int& c);
     bool ParseSourceFile(int& c);
@@ -141,8 +166,30 @@ private:
     bool ParseOldLayout();
     bool ParseOldEvents(int& c, std::int32_t handle);
 
+    // Filtered and listing parses (filtered_reader.cc).
+    bool Listing() const;
+    bool SelectDeclaration(const DeclarationLine& line);
+    bool Keeps(const DeclarationLine& line);
+    void SetAside(const DeclarationLine& line);
+    bool KnownSignal(std::int32_t handle);
+    std::int32_t KnownParent(const DeclarationLine& line);
+    void FullName(std::int32_t parent, std::string_view name, String& out);
+    bool SkipElementList(int& c, std::int32_t bus);
+    SignalEntry& Hold(std::int32_t handle);
+    void FinishSelection();
+    void EnterAncestor(std::int32_t handle);
+    void OrderNewSignals();
+    // Most signals a block may list: every signal declared or listed so far.
+    std::size_t SignalBound() const;
+
     // Event blocks (waves_block.cc).
     bool ParseWaves(int& c);
+    bool SkipBlock(int& c);
+    template <class Stops>
+    void SkipPlainLines(Stops stops);
+    bool SkipTimePart(int& c);
+    bool SkipValuePart(int& c);
+    bool SkipSourcePart(int& c);
     bool ParseBlockInto(int& c, SignalEntry& entry, const SignalEntry& typed);
     bool ParseTimePart(int& c, KBlockSteps& steps);
     bool ParsePoint(int& c, TimeDelta* point);
@@ -168,6 +215,7 @@ private:
     void Attach(std::int32_t parent, std::int32_t child, std::int32_t position);
 
     KLexer m_lexer;
+    KSelection* m_selection = nullptr;  // filtered or listing parse; null for the full reader
     String m_fileName;
     int m_version = -1;          // 1, 2 or 4
     bool m_timed = false;
@@ -201,6 +249,10 @@ private:
     String m_text;                               // scratch token
     Vector<std::int32_t> m_list;                 // scratch index list
     Vector<std::size_t> m_blockEntries;          // scratch: entries of the block being read
+    std::uint64_t m_sequence = 0;                // declarations and elements met so far
+    std::size_t m_ordered = 0;                   // filtered: entries put in order by the last finish
+    std::size_t m_elementsSkipped = 0;           // filtered: elements of lists not kept
+    Vector<const String*> m_chain;               // scratch: names of a parent chain
 };
 
 }  // namespace Tarvel

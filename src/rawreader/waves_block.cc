@@ -1,12 +1,14 @@
 // Event blocks: the time part (points, the time-point dictionary, runs), the value part (value
 // text by the signals' type) and the source part, refilling the listed signals' stores through
-// the direct stores. Raw reader layer; one thread at a time.
+// the direct stores; and, in a filtered parse, passing over the blocks of signals not kept. Raw
+// reader layer; one thread at a time.
 #include <cstdlib>
 #include <cstring>
 
 #include "format/index_lists.h"
 #include "format/numbers.h"
 #include "format/records.h"
+#include "format/strings.h"
 #include "format/value_text.h"
 #include "format/vocabulary.h"
 #include "foundation/little_endian.h"
@@ -120,19 +122,24 @@ bool KRawTarvelRead::TooManyEvents() { return m_lexer.FailAt(m_lexer.Position(),
 bool KRawTarvelRead::BlockFailed() { return m_lexer.RefineEndFault("file ends inside a block"); }
 
 // "$WAVES list": one block for all listed signals. Signals that hold the same events so far
-// share the block's store; others get the block appended to what they have.
+// share the block's store; others get the block appended to what they have. A filtered parse
+// reads the block for the listed signals it keeps, and passes over a block without any.
 bool KRawTarvelRead::ParseWaves(int& c) {
     // Every listed signal must be declared: a list longer than the signals is damage.
-    if (!Format::ReadIndexList(m_lexer, c, m_list, m_signals.size()) || !m_lexer.EndOfLine(c)) return false;
+    if (!Format::ReadIndexList(m_lexer, c, m_list, SignalBound()) || !m_lexer.EndOfLine(c)) return false;
     if (m_list.empty()) return m_lexer.FailAt(m_lexer.SavedPosition(), "$WAVES lists no signal");
     // Entry indexes, not pointers: the entries stay where they are while a block is read.
     Vector<std::size_t>& entries = m_blockEntries;
     entries.clear();
     for (std::int32_t handle : m_list) {
         const SignalEntry* entry = Find(handle);
-        if (!entry) return m_lexer.FailAt(m_lexer.SavedPosition(), "$WAVES lists a signal that is not declared");
+        if (!entry || entry->ancestorOnly) {
+            if (!m_selection) return m_lexer.FailAt(m_lexer.SavedPosition(), "$WAVES lists a signal that is not declared");
+            continue;
+        }
         entries.push_back(static_cast<std::size_t>(entry - m_signals.data()));
     }
+    if (entries.empty()) return SkipBlock(c);
     SignalEntry* first = &m_signals[entries[0]];
     bool shared = true;
     for (std::size_t index : entries) {
@@ -425,6 +432,163 @@ bool KRawTarvelRead::ParseSourcePart(int& c, KEventsStore& store, std::uint32_t 
         std::int32_t source = 0;
         if (!Format::ReadInteger(m_lexer, c, source) || !m_lexer.EndOfLine(c)) return false;
         sources.pushSource(source);
+    }
+}
+
+}  // namespace Tarvel
+
+namespace Tarvel {
+
+// ---- Blocks of signals not kept -----------------------------------------------------------------
+//
+// A block none of whose signals a filtered parse keeps is passed over line by line without a
+// store: the time part for the points it takes into the time-point dictionary ("=k", also
+// inside run records), which later blocks may use; the value and source parts for their
+// structure only. Lines are skipped whole where nothing in them can hold a line feed; a value
+// that starts with a quote (a quoted string or a character literal) is read as a string.
+//
+// Speed: nearly every line of such a block is a time point ("*k", "T step") or a plain value,
+// a handful of bytes. Those are passed over in place in the lexer's buffer, eight bytes at a
+// time, until a line of another kind; the other kinds take the general path.
+
+namespace {
+
+constexpr std::uint64_t kOnes = 0x0101010101010101ull;
+constexpr std::uint64_t kLows = 0x7F7F7F7F7F7F7F7Full;
+constexpr std::uint64_t kHighs = 0x8080808080808080ull;
+
+// The high bit of every byte of `word` that equals `ch`; exact (no borrow crosses bytes).
+TARVEL_ALWAYS_INLINE std::uint64_t BytesEqual(std::uint64_t word, unsigned char ch) {
+    const std::uint64_t x = word ^ (kOnes * ch);
+    return ~(((x & kLows) + kLows) | x | kLows);
+}
+
+// Per part of a block: the high bit of every byte that, standing first on a line, makes a line
+// the general path must read (`lf` holds the line feeds of `word`): in the time part anything
+// but a point without a dictionary entry; in the value part a keyword line, a run record, a
+// quoted value or an empty line; in the source part a keyword line or an empty line.
+constexpr auto kTimePartStops = [](std::uint64_t word, std::uint64_t) {
+    return ~(BytesEqual(word, Format::kPointKnown) | BytesEqual(word, Format::kPointDeltaZero) |
+             BytesEqual(word, Format::kPointWithDelta)) &
+           kHighs;
+};
+constexpr auto kValuePartStops = [](std::uint64_t word, std::uint64_t lf) {
+    return BytesEqual(word, Format::kKeywordLead) | BytesEqual(word, Format::kRunLead) | BytesEqual(word, Format::kQuote) |
+           BytesEqual(word, Format::kCharacterQuote) | lf;
+};
+constexpr auto kSourcePartStops = [](std::uint64_t word, std::uint64_t lf) { return BytesEqual(word, Format::kKeywordLead) | lf; };
+
+}  // namespace
+
+// Passes over whole lines in the lexer's buffer up to the first line that starts with a byte
+// `stops` marks, or that may not lie wholly in the buffer. REQUIRES: the lexer stands at the
+// start of a line. The words are examined independently of where lines end, so the work per
+// byte does not wait on the line before.
+template <class Stops>
+TARVEL_ALWAYS_INLINE void KRawTarvelRead::SkipPlainLines(Stops stops) {
+    const unsigned char* p = m_lexer.Cursor();
+    const unsigned char* const end = m_lexer.BufferEnd();
+    const unsigned char* start = p;  // every line before this one is whole and passed over
+    std::uint64_t carry = 0x80;      // byte 0 of the word at p starts a line
+    for (; end - p >= 8; p += 8) {
+        const std::uint64_t word = LittleEndian::Load<std::uint64_t>(p);
+        const std::uint64_t lf = BytesEqual(word, '\n');
+        if ((lf | carry) == 0) continue;  // inside a long line
+        const std::uint64_t stop = ((lf << 8) | carry) & stops(word, lf);
+        if (stop != 0) {
+            start = p + __builtin_ctzll(stop) / 8;
+            break;
+        }
+        if (lf != 0) start = p + (63 - __builtin_clzll(lf)) / 8 + 1;
+        carry = lf >> 56;
+    }
+    m_lexer.Consume(start);
+}
+
+bool KRawTarvelRead::SkipBlock(int& c) {
+    if (!SkipTimePart(c) || !SkipValuePart(c)) return false;
+    return m_word == Format::kEnd || SkipSourcePart(c);
+}
+
+bool KRawTarvelRead::SkipTimePart(int& c) {
+    for (;;) {
+        SkipPlainLines(kTimePartStops);
+        c = m_lexer.Next();
+        switch (c) {
+            case Format::kPointDeltaZero:
+            case Format::kPointWithDelta:
+            case Format::kPointKnown:
+            case Format::kCommentLead:
+                if (!m_lexer.SkipLine(c)) return false;
+                break;
+            case Format::kPointTaken: {
+                TimeDelta point;
+                if (!ParsePoint(c, &point) || !m_lexer.EndOfLine(c)) return false;
+                break;
+            }
+            case Format::kRunLead: {
+                c = m_lexer.Next();
+                int length = 0;
+                int64 count = 0;
+                if (!Format::ReadRunHeader(m_lexer, c, length, count)) return false;
+                for (int i = 0; i < length; ++i) {
+                    TimeDelta point;
+                    if (!m_lexer.SkipBlanks(c) || !ParsePoint(c, &point)) return false;
+                }
+                if (!m_lexer.EndOfLine(c)) return false;
+                break;
+            }
+            case Format::kKeywordLead: return ExpectKeyword(c, Format::kValues);
+            default: return false;
+        }
+    }
+}
+
+// Leaves the closing word ("SOURCES" or "END") in m_word.
+bool KRawTarvelRead::SkipValuePart(int& c) {
+    for (;;) {
+        SkipPlainLines(kValuePartStops);
+        c = m_lexer.Next();
+        switch (c) {
+            case Format::kKeywordLead:
+                c = m_lexer.Next();
+                if (!m_lexer.ReadWord(c, m_word) || !m_lexer.EndOfLine(c)) return false;
+                return m_word == Format::kSources || m_word == Format::kEnd;
+            case Format::kQuote:
+            case Format::kCharacterQuote:
+                if (!Format::ReadString(m_lexer, c, m_text) || !m_lexer.EndOfLine(c)) return false;
+                break;
+            case Format::kRunLead: {
+                c = m_lexer.Next();
+                if (c != ' ' && c != '\t') {  // a value whose text starts with the letter
+                    if (!m_lexer.SkipLine(c)) return false;
+                    break;
+                }
+                int length = 0;
+                int64 count = 0;
+                if (!Format::ReadRunHeader(m_lexer, c, length, count)) return false;
+                for (int i = 0; i < length; ++i) {
+                    if (!Format::ReadString(m_lexer, c, m_text)) return false;
+                }
+                if (!m_lexer.EndOfLine(c)) return false;
+                break;
+            }
+            default:  // a bare value, a count record, a comment
+                if (!m_lexer.SkipLine(c)) return false;
+                break;
+        }
+    }
+}
+
+bool KRawTarvelRead::SkipSourcePart(int& c) {
+    for (;;) {
+        SkipPlainLines(kSourcePartStops);
+        c = m_lexer.Next();
+        if (c == Format::kKeywordLead) {
+            c = m_lexer.Next();
+            return m_lexer.ReadWord(c, m_word) && m_word == Format::kEnd && m_lexer.EndOfLine(c);
+        }
+        if (!m_lexer.SkipLine(c)) return false;  // numbers only
     }
 }
 

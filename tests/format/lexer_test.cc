@@ -109,6 +109,20 @@ TEST(Lexer, LineEndsStopOnTheLineFeed) {
     EXPECT_FALSE(crossing.lexer.Expect(crossing.c, '='));  // Expect does not cross a line feed
 }
 
+// SkipLine passes over anything up to the line feed, in reads of any size, and stops on it.
+TEST(Lexer, SkipLinePassesOverTheRestOfTheLine) {
+    for (unsigned seed = 0; seed < 20; ++seed) {
+        Testing::ChoppyInput choppy(seed, 1 + seed % 5);
+        Lexed in("a \"x\n\nbc\rdef\n\nlast");
+        std::string starts;  // the first character of each line
+        do {
+            starts += static_cast<char>(in.c);
+        } while (in.lexer.SkipLine(in.c) && in.lexer.SkipLine(in.c) && (in.c = in.lexer.Next()) != KLexer::kEnd);
+        EXPECT_EQ(starts, "a\nb\nl") << seed;
+        EXPECT_EQ(in.c, KLexer::kEnd);
+    }
+}
+
 TEST(Lexer, TokensAcrossTheBlockBoundary) {
     const std::string tokens = "-1234567k \"q\\\"uoted\" 'c' bare=";
     for (std::size_t cut = 0; cut <= tokens.size(); ++cut) {
