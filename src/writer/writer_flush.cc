@@ -171,8 +171,12 @@ void KTarvelWrite::GroupEqualEvents(Vector<FlushMember>& members) const {
                 FlushMember& member = members[byCount[i]];
                 member.fingerprint = allLogged ? LoggedFingerprint(member) : EventFingerprint(member);
             }
-            std::stable_sort(byCount.begin() + static_cast<std::ptrdiff_t>(first), byCount.begin() + static_cast<std::ptrdiff_t>(last),
-                             [&](std::uint32_t a, std::uint32_t b) { return members[a].fingerprint < members[b].fingerprint; });
+            // By fingerprint, then in member order (the members are sorted, so by index): a plain
+            // sort, since a stable one would take a buffer from outside the allocation path.
+            std::sort(byCount.begin() + static_cast<std::ptrdiff_t>(first), byCount.begin() + static_cast<std::ptrdiff_t>(last),
+                      [&](std::uint32_t a, std::uint32_t b) {
+                          return members[a].fingerprint != members[b].fingerprint ? members[a].fingerprint < members[b].fingerprint : a < b;
+                      });
             for (std::size_t i = first; i < last; ++i) {
                 FlushMember& member = members[byCount[i]];
                 // Representatives met so far with the same fingerprint, first one first.
