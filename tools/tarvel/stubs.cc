@@ -24,9 +24,5 @@ void AddDumpCommand(CLI::App& app) { AddStub(app, "dump", "Events in time order 
 void AddCheckCommand(CLI::App& app) { AddStub(app, "check", "Finds the first fault of a waveform file"); }
 void AddFollowCommand(CLI::App& app) { AddStub(app, "follow", "Prints the events of a growing file as it is committed"); }
 void AddDemoCommand(CLI::App& app) { AddStub(app, "demo", "Writes the built-in example design"); }
-void AddVcdCommands(CLI::App& app) {
-    AddStub(app, "import-vcd", "Converts a VCD file into a waveform file");
-    AddStub(app, "export-vcd", "Converts a waveform file into a VCD file");
-}
 
 }  // namespace TarvelTool
