@@ -1,5 +1,6 @@
-// export-vcd: the signal tree becomes the VCD header, the merged event pass of CreateStreamRead2
-// its value changes. Tool layer; one thread.
+// export-vcd: the raw reader's signal tree becomes the VCD header; its stores, walked window by
+// window of time and ordered by time within each window, the value changes. Tool layer; one
+// thread.
 #include "vcd_export.h"
 
 #include <tarvel/tarvel.h>
@@ -101,12 +102,12 @@ struct Sink {
 
 class Exporter {
 public:
-    Exporter(Tarvel::ITarvelRead& reader, Output& out, Progress* progress, std::uint64_t inputSize)
-        : m_reader(reader), m_raw(*reader.GetRawReader()), m_out(out), m_progress(progress), m_inputSize(inputSize) {}
+    Exporter(IRawTarvelRead& reader, Output& out, Progress* progress, std::uint64_t inputSize, std::size_t windowEvents)
+        : m_raw(reader), m_out(out), m_progress(progress), m_inputSize(inputSize), m_windowEvents(windowEvents) {}
 
     VcdExportResult Run() {
         ReadTree();
-        const Vcd::Timescale timescale = Vcd::TimescaleFor(m_reader.GetResolution());
+        const Vcd::Timescale timescale = Vcd::TimescaleFor(m_raw.GetResolution());
         m_multiplier = timescale.multiplier;
         m_result.timescale = timescale.text;
         WriteHeader(timescale.text);
@@ -255,34 +256,173 @@ private:
 
     // ---- The value changes ----
 
-    void WriteChanges() {
-        std::uint64_t total = 0, done = 0;
-        for (const Tarvel::KEventsStore* store : m_stores) total += store ? store->count() : 0;
-        int64 current = 0;
-        bool any = false;  // an event was seen; `current` is its time
-        for (int handle = m_reader.NextEvent(); handle != -1; handle = m_reader.NextEvent()) {
-            const int64 time = *m_reader.GetEventTime();
-            if (time != current || !any) {
-                if (any) WriteTime(current);
-                current = time;
-                any = true;
-                if (m_progress && total) {
-                    m_progress->Update(static_cast<std::uint64_t>(static_cast<double>(done) / static_cast<double>(total) *
-                                                                  static_cast<double>(m_inputSize)));
-                }
-            }
-            ++done;
-            const Sink sink = m_sinks[static_cast<std::size_t>(handle)];
-            if (sink.var == kNone) continue;
-            std::uint64_t value = 0;
-            m_reader.GetEventValue(&value);
-            Apply(m_vars[sink.var], sink, value);
+    // ---- The value changes ----
+    //
+    // The stores are walked window by window of time: each store's events of the window, the
+    // last delta's of each time only, become records (time slot, sink, value), which are then put
+    // in time order by a counting sort over the window's distinct times and written. A window holds about kWindowEvents records: its
+    // length follows the density of the events. Each store is read in order, and the records of
+    // one window stay in the cache while they are sorted and written; a merge of all stores
+    // event by event (the reader facade's pass) meets every store's state out of cache.
+
+    struct Walker {
+        const Tarvel::KEventsStore* store;
+        Tarvel::KEventData cursor;  // on the next event to take
+        std::uint32_t sink;         // index into m_sinkList
+        bool wide;                  // 8-byte values
+    };
+    struct Record {
+        std::uint32_t slot;   // the time's slot in m_slots (then its rank, after sorting)
+        std::uint32_t sink;   // index into m_sinkList
+        std::uint32_t value;  // the value, or for wide values its index in m_wide
+    };
+    struct TimeSlot {
+        int64 time;           // kFree when the slot is free
+        std::uint32_t rank;   // the time's place among the window's distinct times
+    };
+    static constexpr int64 kFree = INT64_MIN;
+
+    void MakeWalkers() {
+        for (std::size_t i = 0; i < m_nodes.size(); ++i) {
+            const Tarvel::KEventsStore* store = m_stores[i];
+            if (m_sinks[i].var == kNone || !store || store->empty()) continue;
+            Walker walker{store, Tarvel::KEventData(), static_cast<std::uint32_t>(m_sinkList.size()), store->GetSize() == 8};
+            m_sinkList.push_back(m_sinks[i]);
+            if (!store->GetFirstEvent(&walker.cursor)) continue;
+            m_next.push_back(walker.cursor.GetTime());
+            m_walkers.push_back(std::move(walker));
+            m_total += store->count();
         }
-        if (any) WriteTime(current);
-        const int64 end = std::max(m_raw.GetEndTime(), current);
-        if (end > m_lastWritten || !m_wroteTime) WriteTimeLine(end);
-        m_result.endTime = end * m_multiplier;
+    }
+
+    void WriteChanges() {
+        MakeWalkers();
+        const int64 lastEvent = m_walkers.empty() ? 0 : LastEventTime();
+        int64 start = m_walkers.empty() ? 0 : *std::min_element(m_next.begin(), m_next.end());
+        // The first window's length if events were spread evenly; then adapted to what came.
+        int64 length = std::max<int64>(1, static_cast<int64>(static_cast<double>(lastEvent - start + 1) *
+                                                             static_cast<double>(m_windowEvents) /
+                                                             static_cast<double>(std::max<std::uint64_t>(1, m_total))));
+        while (start <= lastEvent && !m_walkers.empty()) {
+            const int64 end = lastEvent - start < length ? lastEvent + 1 : start + length;
+            Collect(start, end);
+            SortRecords();
+            WriteRecords();
+            if (m_records.size() > 2 * m_windowEvents) length = std::max<int64>(1, length / 2);
+            if (m_records.size() < m_windowEvents / 2 && length < INT64_MAX / 4) length *= 2;
+            start = end;
+            if (m_progress && m_total) {
+                m_progress->Update(static_cast<std::uint64_t>(static_cast<double>(m_done) / static_cast<double>(m_total) *
+                                                              static_cast<double>(m_inputSize)));
+            }
+        }
+        const int64 endTime = std::max(m_raw.GetEndTime(), lastEvent);
+        if (endTime > m_lastWritten || !m_wroteTime) WriteTimeLine(endTime);
+        m_result.endTime = endTime * m_multiplier;
         if (m_progress) m_progress->Finish(m_inputSize);
+    }
+
+    // The raw reader ends every store it fills at its last event's time.
+    int64 LastEventTime() const {
+        int64 last = 0;
+        for (const Walker& walker : m_walkers) last = std::max(last, walker.store->EndTime());
+        return last;
+    }
+
+    // The records of the events at times [start, end): per store and time the last delta's.
+    void Collect(int64 start, int64 end) {
+        m_records.clear();
+        m_wide.clear();
+        m_times.clear();
+        m_slots.assign(std::max<std::size_t>(1024, m_slots.size()), TimeSlot{kFree, 0});
+        for (std::size_t w = 0; w < m_walkers.size(); ++w) {
+            if (m_next[w] >= end) continue;
+            Walker& walker = m_walkers[w];
+            int64 time = m_next[w];
+            bool more = true;
+            while (more && time < end) {
+                std::uint64_t value = 0;
+                walker.cursor.GetValue(reinterpret_cast<unsigned char*>(&value), 8);
+                more = walker.store->GetNextEvent(&walker.cursor);
+                ++m_done;
+                const int64 next = more ? walker.cursor.GetTime() : INT64_MAX;
+                if (next != time) {  // the last event of its time: a later delta overrides
+                    std::uint32_t stored = static_cast<std::uint32_t>(value);
+                    if (walker.wide) {
+                        stored = static_cast<std::uint32_t>(m_wide.size());
+                        m_wide.push_back(value);
+                    }
+                    m_records.push_back({SlotOf(time), walker.sink, stored});
+                }
+                time = next;
+            }
+            m_next[w] = time;
+        }
+    }
+
+    // The slot of `time` in the window's open-addressed table of distinct times.
+    std::uint32_t SlotOf(int64 time) {
+        const std::size_t mask = m_slots.size() - 1;
+        std::size_t slot = static_cast<std::size_t>(static_cast<std::uint64_t>(time) * 0x9E3779B97F4A7C15ull >> 40) & mask;
+        while (m_slots[slot].time != time) {
+            if (m_slots[slot].time == kFree) {
+                if (2 * (m_times.size() + 1) > m_slots.size()) {
+                    GrowSlots();
+                    return SlotOf(time);
+                }
+                m_slots[slot].time = time;
+                m_times.push_back(time);
+                break;
+            }
+            slot = (slot + 1) & mask;
+        }
+        return static_cast<std::uint32_t>(slot);
+    }
+    // Doubles the table and moves the records' slots along.
+    void GrowSlots() {
+        const std::vector<TimeSlot> old = std::move(m_slots);
+        m_slots.assign(old.size() * 2, TimeSlot{kFree, 0});
+        const std::vector<int64> times = std::move(m_times);
+        m_times.clear();
+        for (int64 t : times) SlotOf(t);
+        for (Record& r : m_records) r.slot = SlotOf(old[r.slot].time);
+    }
+
+    // Orders the records by time: the distinct times are sorted, and the records counted into
+    // place by their time's rank. Stable: one store's records keep their order.
+    void SortRecords() {
+        std::sort(m_times.begin(), m_times.end());
+        for (std::size_t rank = 0; rank < m_times.size(); ++rank) {
+            m_slots[SlotOf(m_times[rank])].rank = static_cast<std::uint32_t>(rank);
+        }
+        m_counts.assign(m_times.size() + 1, 0);
+        for (Record& r : m_records) {
+            r.slot = m_slots[r.slot].rank;
+            ++m_counts[r.slot + 1];
+        }
+        for (std::size_t i = 1; i < m_counts.size(); ++i) m_counts[i] += m_counts[i - 1];
+        m_sorted.resize(m_records.size());
+        for (const Record& r : m_records) m_sorted[m_counts[r.slot]++] = r;
+        m_records.swap(m_sorted);
+    }
+
+    void WriteRecords() {
+        std::uint32_t current = 0;
+        bool any = false;
+        for (const Record& r : m_records) {
+            if (r.slot != current || !any) {
+                if (any) WriteTime(m_times[current]);
+                current = r.slot;
+                any = true;
+            }
+            const Sink& sink = m_sinkList[r.sink];
+            Apply(m_vars[sink.var], sink, IsWide(sink) ? m_wide[r.value] : r.value);
+        }
+        if (any) WriteTime(m_times[current]);
+    }
+    bool IsWide(const Sink& sink) const {
+        const ExportClass c = m_vars[sink.var].type->exportClass;
+        return (c == ExportClass::kInteger && m_vars[sink.var].type->width == 64) || c == ExportClass::kReal;
     }
 
     void Apply(OutVar& var, const Sink& sink, std::uint64_t value) {
@@ -384,11 +524,11 @@ private:
         }
     }
 
-    Tarvel::ITarvelRead& m_reader;
     IRawTarvelRead& m_raw;
     Output& m_out;
     Progress* m_progress;
     std::uint64_t m_inputSize;
+    std::size_t m_windowEvents;                           // records wanted per window
     VcdExportResult m_result;
 
     std::vector<Node> m_nodes;                            // every signal, by declaration position
@@ -397,7 +537,17 @@ private:
     std::map<int, std::unique_ptr<ExportType>> m_types;   // type id -> what it becomes
     std::map<AliasKey, std::string> m_aliases;            // written variables' stores -> code
     std::vector<OutVar> m_vars;                           // the variables with codes of their own
-    std::vector<Sink> m_sinks;                            // by handle (declaration position)
+    std::vector<Sink> m_sinks;                            // by declaration position
+    std::vector<Sink> m_sinkList;                         // the sinks of the walkers
+    std::vector<Walker> m_walkers;                        // the stores with events
+    std::vector<int64> m_next;                            // by walker: its next event's time
+    std::vector<Record> m_records, m_sorted;              // the window's records; sort space
+    std::vector<std::uint64_t> m_wide;                    // the window's 8-byte values
+    std::vector<TimeSlot> m_slots;                        // the window's distinct times (a hash table)
+    std::vector<int64> m_times;                           // the same, in order once sorted
+    std::vector<std::size_t> m_counts;                    // records per rank, then their places
+    std::uint64_t m_total = 0;                            // events of all walkers
+    std::uint64_t m_done = 0;                             // events walked
     std::vector<std::uint32_t> m_dirty;                   // variables changed at the current time
     std::int64_t m_multiplier = 1;                        // resolution / timescale unit
     int64 m_lastWritten = 0;                              // the last time line written
@@ -406,16 +556,15 @@ private:
 
 }  // namespace
 
-VcdExportResult ExportVcd(const std::string& input, const std::string& output, Progress* progress) {
+VcdExportResult ExportVcd(const std::string& input, const std::string& output, Progress* progress,
+                          const VcdExportOptions& options) {
     VcdExportResult result;
     if (access(input.c_str(), R_OK) != 0) {
         result.message = "cannot read " + input + ": " + std::strerror(errno);
         return result;
     }
-    std::unique_ptr<Tarvel::ITarvelRead, void (*)(Tarvel::ITarvelRead*)> reader(
-        Tarvel::CreateStreamRead2(input.c_str()), [](Tarvel::ITarvelRead* r) {
-            if (r) r->Release();
-        });
+    std::unique_ptr<IRawTarvelRead, void (*)(IRawTarvelRead*)> reader(Tarvel::CreateRawTarvelRead(input.c_str()),
+                                                                     Tarvel::DeleteRawTarvelRead);
     if (!reader) {
         result.message = "cannot read " + input + ": no waveform file, never committed, or damaged";
         return result;
@@ -431,7 +580,7 @@ VcdExportResult ExportVcd(const std::string& input, const std::string& output, P
         if (std::fseek(f, 0, SEEK_END) == 0) size = static_cast<std::uint64_t>(std::ftell(f));
         std::fclose(f);
     }
-    result = Exporter(*reader, out, progress, size).Run();
+    result = Exporter(*reader, out, progress, size, std::max<std::size_t>(1, options.windowEvents)).Run();
     if (!out.Close(&error)) {
         result.ok = false;
         result.message = "writing " + output + " failed: " + error;

@@ -44,7 +44,7 @@ struct Var {
     std::uint32_t alias = kNone;  // the next variable with the same identifier code
     std::uint64_t stamp = 0;    // the (time, delta) stamp of its last stored change; 0: none yet
     std::uint64_t value = 0;    // kLogic: the code; kInteger, kLong, kReal: the bits;
-                                // kVector: where its bits' codes start in m_bits
+                                // kVector: where its bits' characters start in m_chars
     bool known = false;         // kLogic, kInteger, kLong, kReal: `value` holds a stored value
 };
 
@@ -219,8 +219,8 @@ private:
         const char* name = ref.name.c_str();
         if (vectorLike && (var.width > 1 || ref.hasRange)) {
             var.kind = Kind::kVector;
-            var.value = m_bits.size();
-            m_bits.resize(m_bits.size() + var.width, Vcd::kNoCode);
+            var.value = m_chars.size();
+            m_chars.resize(m_chars.size() + var.width, '\0');
             if (!Check(m_w.SetTypeInfo(var.handle, Vcd::VectorType(ref.range).c_str()) &&
                        m_w.StoreBus(var.handle, Tarvel::kPortSignal, static_cast<int>(var.width), parent, position, name, 0))) {
                 return false;
@@ -393,23 +393,47 @@ private:
         return true;
     }
 
+    // Stores the bits whose character changed. The bits' current characters are kept as given
+    // (not as codes), so that unchanged bits are found eight at a time.
     bool SetVector(Var& var, std::uint32_t index, std::string_view digits) {
-        for (char c : digits) {
-            if (Vcd::LogicCode(c) == Vcd::kNoCode) return BadDigits(var, index, digits);
-        }
-        if (digits.size() > var.width) {
-            WarnValue(var, index, "value of " + std::to_string(digits.size()) + " digits for " + std::to_string(var.width) +
+        const std::uint32_t width = var.width;
+        const char* given = digits.data();
+        if (digits.size() > width) {
+            WarnValue(var, index, "value of " + std::to_string(digits.size()) + " digits for " + std::to_string(width) +
                                       " bits: the leftmost digits dropped");
+            given += digits.size() - width;
+        } else if (digits.size() < width) {
+            m_scratch.assign(width - digits.size(), Vcd::ExtendedDigit(digits, width, 0));
+            m_scratch.append(digits);
+            given = m_scratch.data();
         }
-        std::uint8_t* bits = m_bits.data() + var.value;
+        char* current = m_chars.data() + var.value;
+        m_changed.clear();
+        std::uint32_t bit = 0;
+        for (; bit + 8 <= width; bit += 8) {
+            std::uint64_t now, before;
+            std::memcpy(&now, given + bit, 8);
+            std::memcpy(&before, current + bit, 8);
+            if (now == before) continue;
+            for (std::uint32_t at = bit; at < bit + 8; ++at) {
+                if (given[at] != current[at]) m_changed.push_back(at);
+            }
+        }
+        for (; bit < width; ++bit) {
+            if (given[bit] != current[bit]) m_changed.push_back(bit);
+        }
+        for (std::uint32_t at : m_changed) {
+            if (Vcd::LogicCode(given[at]) == Vcd::kNoCode) return BadDigits(var, index, digits);
+        }
         bool begun = false;
-        for (std::uint32_t bit = 0; bit < var.width; ++bit) {
-            const std::uint8_t code = Vcd::LogicCode(Vcd::ExtendedDigit(digits, var.width, bit));
-            if (code == bits[bit]) continue;
+        for (std::uint32_t at : m_changed) {
+            const std::uint8_t code = Vcd::LogicCode(given[at]);
+            const bool same = code == Vcd::LogicCode(current[at]);  // 'x' after 'X'
+            current[at] = given[at];
+            if (same) continue;
             if (!begun && !BeginChange(var)) return false;
             begun = true;
-            bits[bit] = code;
-            if (!Store(var.handle + 1 + static_cast<int>(bit), code)) return false;
+            if (!Store(var.handle + 1 + static_cast<int>(at), code)) return false;
         }
         return true;
     }
@@ -487,7 +511,9 @@ private:
 
     std::vector<Var> m_vars;              // every $var, in declaration order
     std::vector<std::string> m_names;     // their full names, for reports
-    std::vector<std::uint8_t> m_bits;     // the current std_logic code of every vector bit
+    std::vector<char> m_chars;            // the current character of every vector bit ('\0': none yet)
+    std::string m_scratch;                // a short vector value extended to its width
+    std::vector<std::uint32_t> m_changed; // the bits of a vector value that differ
     VcdCodeTable m_codes;                 // identifier code -> the first var that has it
     std::unordered_set<std::string> m_unknownCodes;  // undeclared codes reported so far
     std::vector<ScopeFrame> m_scopes;     // the open scopes, outermost first

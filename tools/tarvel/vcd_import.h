@@ -21,9 +21,9 @@ struct VcdImportOptions {
     // The name of the input in messages ("in.vcd", "<stdin>").
     std::string inputName = "<input>";
     // The writer is flushed at the first time change after this many events since the last
-    // flush, and committed (then resumed) at the first time change after this many events since
+    // flush (its staging log holds 2^20 events; beyond them it works harder), and committed (then resumed) at the first time change after this many events since
     // the last commit, so that a reader can follow the import.
-    std::uint64_t flushEvents = std::uint64_t{1} << 20;
+    std::uint64_t flushEvents = (std::uint64_t{1} << 20) - (std::uint64_t{1} << 17);
     std::uint64_t commitEvents = std::uint64_t{1} << 22;
 };
 

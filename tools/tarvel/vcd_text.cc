@@ -3,7 +3,6 @@
 
 #include <sorvat/typeinfo.h>
 
-#include <array>
 #include <charconv>
 #include <cctype>
 
@@ -17,18 +16,6 @@ struct Unit {
 // Largest first: TimescaleFor takes the first that fits.
 constexpr Unit kUnits[] = {{"s", 1000000000000000}, {"ms", 1000000000000}, {"us", 1000000000},
                            {"ns", 1000000},          {"ps", 1000},          {"fs", 1}};
-
-constexpr std::array<std::uint8_t, 256> MakeLogicCodes() {
-    std::array<std::uint8_t, 256> codes{};
-    for (auto& code : codes) code = kNoCode;
-    for (std::uint8_t code = 0; code < 9; ++code) {
-        const char upper = "UX01ZWLH-"[code], lower = kLogicCharacters[code];
-        codes[static_cast<unsigned char>(upper)] = code;
-        codes[static_cast<unsigned char>(lower)] = code;
-    }
-    return codes;
-}
-constexpr std::array<std::uint8_t, 256> kLogicCodes = MakeLogicCodes();
 
 bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f'; }
 
@@ -89,8 +76,6 @@ Timescale TimescaleFor(std::int64_t resolution) {
     }
     return {"1 fs", resolution};  // not reached: 1 fs divides every resolution
 }
-
-std::uint8_t LogicCode(char c) { return kLogicCodes[static_cast<unsigned char>(c)]; }
 
 VarClass ClassifyVarType(std::string_view keyword) {
     static constexpr const char* kLogicKeywords[] = {

@@ -5,6 +5,7 @@
 #ifndef TARVEL_TOOLS_TARVEL_VCD_TEXT_H
 #define TARVEL_TOOLS_TARVEL_VCD_TEXT_H
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -40,7 +41,19 @@ inline constexpr std::uint8_t kNoCode = 0xFF;
 
 // The std_logic code of a VCD value character, either case ('1' is 3, 'x' and 'X' are 1); kNoCode
 // for a character that is no value.
-std::uint8_t LogicCode(char c);
+namespace Detail {
+constexpr std::array<std::uint8_t, 256> MakeLogicCodes() {
+    std::array<std::uint8_t, 256> codes{};
+    for (auto& code : codes) code = kNoCode;
+    for (std::uint8_t code = 0; code < 9; ++code) {
+        codes[static_cast<unsigned char>("UX01ZWLH-"[code])] = code;
+        codes[static_cast<unsigned char>(kLogicCharacters[code])] = code;
+    }
+    return codes;
+}
+inline constexpr std::array<std::uint8_t, 256> kLogicCodes = MakeLogicCodes();
+}  // namespace Detail
+inline std::uint8_t LogicCode(char c) { return Detail::kLogicCodes[static_cast<unsigned char>(c)]; }
 
 // A vector value's character at `position` (0: the leftmost, most significant bit) when the
 // `digits` written are fewer than the variable's `width` bits: the digits are right-aligned and
