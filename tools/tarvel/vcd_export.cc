@@ -260,10 +260,11 @@ private:
     //
     // The stores are walked window by window of time: each store's events of the window, the
     // last delta's of each time only, become records (time slot, sink, value), which are then put
-    // in time order by a counting sort over the window's distinct times and written. A window holds about kWindowEvents records: its
-    // length follows the density of the events. Each store is read in order, and the records of
-    // one window stay in the cache while they are sorted and written; a merge of all stores
-    // event by event (the reader facade's pass) meets every store's state out of cache.
+    // in time order by a counting sort over the window's distinct times and written. A window
+    // holds about m_windowEvents records: its length follows the density of the events. Each
+    // store is read in order, and the records of one window stay in the cache while they are
+    // sorted and written; a merge of all stores event by event (the reader facade's pass) meets
+    // every store's state out of cache.
 
     struct Walker {
         const Tarvel::KEventsStore* store;
@@ -305,7 +306,7 @@ private:
                                                              static_cast<double>(std::max<std::uint64_t>(1, m_total))));
         while (start <= lastEvent && !m_walkers.empty()) {
             const int64 end = lastEvent - start < length ? lastEvent + 1 : start + length;
-            Collect(start, end);
+            Collect(end);
             SortRecords();
             WriteRecords();
             if (m_records.size() > 2 * m_windowEvents) length = std::max<int64>(1, length / 2);
@@ -329,8 +330,8 @@ private:
         return last;
     }
 
-    // The records of the events at times [start, end): per store and time the last delta's.
-    void Collect(int64 start, int64 end) {
+    // The records of the events before `end` not taken yet: per store and time the last delta's.
+    void Collect(int64 end) {
         m_records.clear();
         m_wide.clear();
         m_times.clear();

@@ -190,6 +190,11 @@ private:
         m_names.push_back(m_path + ref.name);
         Var& var = m_vars.back();
         var.width = size;
+        const std::uint32_t first = m_codes.Insert(words[2], index);
+        if (first != index) {  // an alias: changes of the code go to every variable that has it
+            var.alias = m_vars[first].alias;
+            m_vars[first].alias = index;
+        }
         if (varClass == VarClass::kString || varClass == VarClass::kUnknown) {
             return Skip(index, varClass == VarClass::kString ? "string variable not imported (the waveform format has no strings)"
                                                              : "variable type '" + words[0] + "' not imported");
@@ -199,18 +204,13 @@ private:
         if (m_nextHandle > INT_MAX - 1 - static_cast<int>(vectorLike ? size : 0)) return Fail("too many variables");
         if (!Declare(var, varClass, words[0], ref, vectorLike)) return false;
         ++m_result.variables;
-        const std::uint32_t first = m_codes.Insert(words[2], index);
-        if (first != index) {  // an alias: changes of the code go to every variable that has it
-            var.alias = m_vars[first].alias;
-            m_vars[first].alias = index;
-        }
         return true;
     }
 
     bool Skip(std::uint32_t index, const std::string& why) {
         Warn(m_names[index] + ": " + why);
         ++m_result.skipped;
-        return true;  // its code stays unknown: its values are ignored without a word
+        return true;  // kSkipped: its values are ignored without a word
     }
 
     bool Declare(Var& var, VarClass varClass, const std::string& keyword, const Vcd::Reference& ref, bool vectorLike) {

@@ -66,8 +66,8 @@ bool VcdInput::Refill(const char* start, const char* end, std::string_view* word
     const std::size_t wordStart = static_cast<std::size_t>(start - from);
     m_offset += static_cast<std::uint64_t>(from - m_buffer.data());
     std::memmove(m_buffer.data(), from, kept);
+    ReadMore(kept);  // may move the buffer
     if (m_keep != nullptr) m_keep = m_buffer.data();
-    ReadMore(kept);
     m_next = m_buffer.data() + wordStart;
     return NextWord(word);
 }
