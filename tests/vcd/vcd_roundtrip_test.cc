@@ -35,5 +35,92 @@ TEST(VcdRoundTrip, SimulatorFixturesComeBackChangeForChange) {
     }
 }
 
+// What simulators rarely write but VCD allows: several changes of a variable at one time (kept as
+// delta cycles, written back as the last one), shared codes, short vector values, upper-case
+// x and z, the nine characters, integers of several widths, repeated events, a trailing time.
+TEST(VcdRoundTrip, CornerCasesOfTheFormatComeBack) {
+    Folder folder;
+    const std::string vcd = folder.Write("corner.vcd",
+        "$timescale 10 ns $end\n"
+        "$scope module top $end\n"
+        "$var wire 1 ! a $end $var wire 8 \" bus [7:0] $end $var wire 3 # up [0:2] $end\n"
+        "$var integer 32 $ n $end $var byte 8 % b $end $var longint 64 & big $end $var time 64 ' t $end\n"
+        "$var real 64 ( x $end $var event 1 ) ev $end\n"
+        "$scope module inner $end $var wire 1 ! a $end $var wire 8 \" bus [7:0] $end $upscope $end\n"
+        "$upscope $end\n"
+        "$var reg 1 * loose $end\n"
+        "$enddefinitions $end\n"
+        "$dumpvars 0! bx \" bZ # b0 $ b0 % b0 & b0 ' r0 ( 1) U* $end\n"
+        "#1 1! 0! 1! b1 \" bX1 \" b101 # b11111111111111111111111111111111 $ b10000000 %\n"
+        "#2 b1111111111111111111111111111111111111111111111111111111111111111 & b1 ' r1e-300 ( 1) 1) H* L* W*\n"
+        "#3 r-inf ( b1111111111111111111111111111111111111111111111111111111111111111 ' 1)\n"
+        "#7\n");
+    EXPECT_EQ(RoundTrip(folder, vcd, "corner"), "");
+}
+
+// The tests' VCD reader finds what a round trip could get wrong.
+TEST(VcdRoundTrip, TheComparisonSeesEveryKindOfDifference) {
+    Folder folder;
+    const std::string head = "$timescale 1 ps $end $scope module m $end $var wire 2 ! v [1:0] $end "
+                             "$var real 64 \" r $end $upscope $end $enddefinitions $end\n";
+    const std::string base = folder.Write("base.vcd", head + "#0 bx ! r0.5 \" #5 b1 ! #9\n");
+    auto differs = [&](const std::string& text) {
+        return CompareVcdModels(ReadVcdModel(base), ReadVcdModel(folder.Write("other.vcd", text)));
+    };
+    EXPECT_EQ(differs(head + "#0 bXX ! r5e-1 \" #5 b01 ! #9\n"), "");           // the same meaning
+    EXPECT_EQ(differs(head + "#0 bx ! r0.5 \" #3 bx ! #5 b1 ! #9\n"), "");      // a repeated value
+    EXPECT_EQ(differs(head + "#0 bx ! r0.5 \" #5 b0 ! b1 ! #9\n"), "");         // the last one at a time
+    EXPECT_EQ(differs(head + "#0 bz ! r0.5 \" #5 b1 ! #9\n"), "m.v [1:0]: change 0 is zz at 0 fs, expected xx at 0 fs");
+    EXPECT_EQ(differs(head + "#0 bx ! r0.5 \" #6 b1 ! #9\n"), "m.v [1:0]: change 1 is 01 at 6000 fs, expected 01 at 5000 fs");
+    EXPECT_EQ(differs(head + "#0 bx ! r0.50001 \" #5 b1 ! #9\n"),
+              "m.r: change 0 is 0.50000999999999995 at 0 fs, expected 0.5 at 0 fs");
+    EXPECT_EQ(differs(head + "#0 bx ! r0.5 \" #5 b1 ! #8\n"), "end time 8000 fs, expected 9000");
+    EXPECT_EQ(differs(head + "#0 bx ! #5 b1 ! #9\n"), "m.r: change 0 is nothing, expected 0.5 at 0 fs");
+    const std::string renamed = "$timescale 1 ps $end $scope module m $end $var wire 2 ! w [1:0] $end "
+                                "$var real 64 \" r $end $upscope $end $enddefinitions $end\n";
+    EXPECT_EQ(differs(renamed + "#0 bx ! r0.5 \" #5 b1 ! #9\n"), "m.v [1:0]: missing");
+}
+
+// GTKWave's converter takes every VCD the export writes without a word, and reads back from it
+// the same changes.
+TEST(VcdRoundTrip, GtkwaveReadsTheExportsOfTheFixturesAndTheDemo) {
+    if (!Have("vcd2fst") || !Have("fst2vcd")) GTEST_SKIP() << "GTKWave's vcd2fst is not installed (scripts/install-deps.sh vcd)";
+    Folder folder;
+    const Ran demo = RunShell(std::string(TARVEL_DEMO) + " 2000 " + folder.File("demo.twf"));
+    ASSERT_EQ(demo.status, 0) << demo.output;
+    ImportFile(Fixture("counter.iverilog.vcd"), folder.File("iverilog.twf"));
+    ImportFile(Fixture("counter.ghdl.vcd"), folder.File("ghdl.twf"));
+    for (const char* name : {"demo", "iverilog", "ghdl"}) {
+        SCOPED_TRACE(name);
+        const std::string base = folder.File(name);
+        ExportFile(base + ".twf", base + ".vcd");
+        const Ran converted = RunShell("vcd2fst " + base + ".vcd " + base + ".fst");
+        EXPECT_EQ(converted.status, 0);
+        EXPECT_EQ(converted.output, "");
+        const Ran back = RunShell("fst2vcd -f " + base + ".fst -o " + base + ".back.vcd");
+        ASSERT_EQ(back.status, 0) << back.output;
+        EXPECT_EQ(CompareVcdModels(ReadVcdModel(base + ".vcd"), ReadVcdModel(base + ".back.vcd")), "");
+    }
+}
+
+// The simulators make the fixtures anew; they must mean what the committed ones mean (apart
+// from the date). TARVEL_REGENERATE_FIXTURES=1 copies them over the committed ones.
+TEST(VcdRoundTrip, SimulatorsRegenerateTheFixtures) {
+    for (const char* program : {"iverilog", "vvp", "ghdl"}) {
+        if (!Have(program)) GTEST_SKIP() << program << " is not installed (scripts/install-deps.sh vcd)";
+    }
+    Folder folder;
+    const Ran ran = RunShell(Fixture("simulate.sh") + " " + folder.path);
+    ASSERT_EQ(ran.status, 0) << ran.output;
+    const bool regenerate = std::getenv("TARVEL_REGENERATE_FIXTURES") != nullptr;
+    for (const char* fixture : {"counter.iverilog.vcd", "counter.ghdl.vcd"}) {
+        SCOPED_TRACE(fixture);
+        const std::string fresh = folder.File(fixture);
+        EXPECT_EQ(CompareVcdModels(ReadVcdModel(Fixture(fixture)), ReadVcdModel(fresh)), "");
+        EXPECT_EQ(RoundTrip(folder, fresh, fixture, {"tb.level: real values keep 6 significant digits"}), "");
+        if (regenerate) std::filesystem::copy_file(fresh, Fixture(fixture), std::filesystem::copy_options::overwrite_existing);
+    }
+}
+
 }  // namespace
 }  // namespace TarvelTool::Testing

@@ -35,8 +35,13 @@ struct Folder {
 };
 
 inline std::string ReadText(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    std::string text;
+    if (std::FILE* f = std::fopen(path.c_str(), "rb")) {
+        char buffer[65536];
+        for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, f)) > 0;) text.append(buffer, n);
+        std::fclose(f);
+    }
+    return text;
 }
 
 // The committed fixture `name` of tests/designs/.
@@ -76,7 +81,7 @@ struct Ran {
     std::string output;  // stdout and stderr together
 };
 // Runs `command` through the shell.
-inline Ran Run(const std::string& command) {
+inline Ran RunShell(const std::string& command) {
     Ran ran{-1, ""};
     std::FILE* pipe = popen((command + " 2>&1").c_str(), "r");
     if (!pipe) return ran;
@@ -88,7 +93,7 @@ inline Ran Run(const std::string& command) {
 }
 
 // True when the program `name` is on the PATH.
-inline bool Have(const std::string& name) { return Run("command -v " + name).status == 0; }
+inline bool Have(const std::string& name) { return RunShell("command -v " + name).status == 0; }
 
 }  // namespace TarvelTool::Testing
 

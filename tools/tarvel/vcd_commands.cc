@@ -2,7 +2,9 @@
 // ImportVcd and ExportVcd. Tool layer; one thread.
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -22,12 +24,16 @@ void Say(const std::string& line) {
     std::fprintf(stderr, "%s%s\n", terminal ? "\r\033[K" : "", line.c_str());
 }
 
-// The reason the writer of `path` stopped: the one line of its log.
+// The reason the writer of `path` stopped: the one line of its log, or when there is none (its
+// folder is missing, say) the system's reason.
 std::string WriterReason(const std::string& path) {
     std::ifstream log(path + ".log");
     std::string line;
-    if (!std::getline(log, line) || line.empty()) return "cannot write it";
-    return line;
+    if (std::getline(log, line) && !line.empty()) return line;
+    std::FILE* probe = std::fopen(path.c_str(), "ab");
+    if (!probe) return std::strerror(errno);
+    std::fclose(probe);
+    return "cannot write it";
 }
 
 struct Writer {

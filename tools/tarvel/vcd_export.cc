@@ -311,7 +311,7 @@ private:
             WriteRecords();
             if (m_records.size() > 2 * m_windowEvents) length = std::max<int64>(1, length / 2);
             if (m_records.size() < m_windowEvents / 2 && length < INT64_MAX / 4) length *= 2;
-            start = end;
+            start = std::max(end, m_earliest);  // over a stretch without events at once
             if (m_progress && m_total) {
                 m_progress->Update(static_cast<std::uint64_t>(static_cast<double>(m_done) / static_cast<double>(m_total) *
                                                               static_cast<double>(m_inputSize)));
@@ -336,8 +336,12 @@ private:
         m_wide.clear();
         m_times.clear();
         m_slots.assign(std::max<std::size_t>(1024, m_slots.size()), TimeSlot{kFree, 0});
+        m_earliest = INT64_MAX;
         for (std::size_t w = 0; w < m_walkers.size(); ++w) {
-            if (m_next[w] >= end) continue;
+            if (m_next[w] >= end) {
+                m_earliest = std::min(m_earliest, m_next[w]);
+                continue;
+            }
             Walker& walker = m_walkers[w];
             int64 time = m_next[w];
             bool more = true;
@@ -358,6 +362,7 @@ private:
                 time = next;
             }
             m_next[w] = time;
+            m_earliest = std::min(m_earliest, time);
         }
     }
 
@@ -542,6 +547,7 @@ private:
     std::vector<Sink> m_sinkList;                         // the sinks of the walkers
     std::vector<Walker> m_walkers;                        // the stores with events
     std::vector<int64> m_next;                            // by walker: its next event's time
+    int64 m_earliest = 0;                                 // the earliest of them after a window
     std::vector<Record> m_records, m_sorted;              // the window's records; sort space
     std::vector<std::uint64_t> m_wide;                    // the window's 8-byte values
     std::vector<TimeSlot> m_slots;                        // the window's distinct times (a hash table)
