@@ -45,6 +45,7 @@ bench: deps
 	cmake --build build/release -j $(JOBS)
 	./build/release/bench/store_bench
 	./build/release/bench/stream_reader_bench
+	bench/vcd/vcd_bench.sh build/release/tools/tarvel/tarvel
 
 clean:
 	rm -rf build

@@ -1,5 +1,5 @@
 // import-vcd: the header's declarations become scopes, signals and buses of the writer; the value
-// changes become events. Tool layer; one thread.
+// changes become events, which a second thread hands to the writer (VcdWriterPipe). Tool layer.
 #include "vcd_import.h"
 
 #include <charconv>
@@ -13,6 +13,7 @@
 
 #include "vcd_code_table.h"
 #include "vcd_text.h"
+#include "vcd_writer_pipe.h"
 
 namespace TarvelTool {
 namespace {
@@ -63,7 +64,11 @@ public:
     VcdImportResult Run() {
         if (ReadHeader() && Check(m_w.Commit() && m_w.Resume())) {
             ++m_result.commits;
+            VcdWriterPipe pipe(m_w);
+            m_pipe = &pipe;
             ReadChanges();
+            Check(pipe.Finish());
+            m_pipe = nullptr;
         }
         if (m_result.status != VcdImportResult::kWriteFailed && Check(m_w.Commit())) ++m_result.commits;
         if (m_progress) m_progress->Finish(m_in.Consumed());
@@ -296,14 +301,15 @@ private:
         if (t == m_time) return true;
         if (t < m_time) return Fail("time goes back from #" + std::to_string(m_time) + " to #" + std::to_string(t));
         if (m_sinceCommit >= m_options.commitEvents) {
-            if (!Check(m_w.Commit() && m_w.Resume())) return false;
+            m_pipe->CommitAndResume();
             ++m_result.commits;
             m_sinceCommit = m_sinceFlush = 0;
         } else if (m_sinceFlush >= m_options.flushEvents) {
-            if (!Check(m_w.Flush())) return false;
+            m_pipe->Flush();
             m_sinceFlush = 0;
         }
-        if (!Check(m_w.SetTime(t))) return false;
+        if (!Check(!m_pipe->Failed())) return false;
+        m_pipe->SetTime(t);
         m_time = t;
         m_delta = 0;
         ++m_stamp;
@@ -324,21 +330,21 @@ private:
     // one time goes to the next delta cycle.
     bool BeginChange(Var& var) {
         if (var.stamp == m_stamp) {
-            if (!Check(m_w.SetDelta(++m_delta))) return false;
+            m_pipe->SetDelta(++m_delta);
             ++m_stamp;
         }
         var.stamp = m_stamp;
         return true;
     }
 
-    // Stores `value` (the writer reads 4 or 8 of its bytes, by the handle's type).
+    // Stores `value` (the writer reads 4 or 8 of its bytes, by the handle's type). A failure of
+    // the writer shows at the next time change.
     bool Store(int handle, std::uint64_t value) {
-        unsigned char data[8];
-        for (int i = 0; i < 8; ++i) data[i] = static_cast<unsigned char>(value >> (8 * i));
         ++m_result.events;
         ++m_sinceFlush;
         ++m_sinceCommit;
-        return Check(m_w.StoreValue(handle, data));
+        m_pipe->StoreValue(handle, value);
+        return true;
     }
 
     // Stores a scalar value or a changed one.
@@ -507,6 +513,7 @@ private:
     const VcdImportOptions& m_options;
     const VcdWarn& m_warn;
     Progress* m_progress;
+    VcdWriterPipe* m_pipe = nullptr;      // the writer's calls while the values are read
     VcdImportResult m_result;
 
     std::vector<Var> m_vars;              // every $var, in declaration order

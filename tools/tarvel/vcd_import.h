@@ -2,7 +2,7 @@
 // simulators) and writes its scopes, variables and value changes with a tarvel writer, streaming:
 // memory grows with the variables and one flush interval's events, never with the input.
 // docs/vcd.md states the mapping and every loss. Tool layer; uses the library's public interface
-// only; one thread.
+// only. Called from one thread; the values reach the writer through a second one.
 #ifndef TARVEL_TOOLS_TARVEL_VCD_IMPORT_H
 #define TARVEL_TOOLS_TARVEL_VCD_IMPORT_H
 

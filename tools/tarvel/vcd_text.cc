@@ -20,7 +20,11 @@ constexpr Unit kUnits[] = {{"s", 1000000000000000}, {"ms", 1000000000000}, {"us"
 bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f'; }
 
 // "#<length>#<name>"
-std::string TypeName(std::string_view name) { return "#" + std::to_string(name.size()) + "#" + std::string(name); }
+std::string TypeName(std::string_view name) {
+    std::string text("#");
+    text.append(std::to_string(name.size())).append("#").append(name);
+    return text;
+}
 
 // "[7:0]" or "[3]" at the end of `text` (no blanks inside), as a range.
 std::optional<Range> ParseRange(std::string_view text) {
@@ -96,8 +100,8 @@ VarClass ClassifyVarType(std::string_view keyword) {
 }
 
 std::string ScalarType(VarClass varClass, std::string_view keyword, std::uint32_t width) {
-    if (varClass == VarClass::kReal) return "f" + TypeName(keyword == "real_parameter" ? "real" : keyword);
-    return (width <= 32 ? "i" : "l") + TypeName(keyword);
+    std::string type(varClass == VarClass::kReal ? "f" : width <= 32 ? "i" : "l");
+    return type.append(TypeName(varClass == VarClass::kReal && keyword == "real_parameter" ? "real" : keyword));
 }
 
 std::string VectorType(const Range& range) {
