@@ -30,7 +30,8 @@ TEST(VcdCommand, ImportAndExportAFileAndStandardInput) {
 TEST(VcdCommand, ReportsGoToStderrOneLineEach) {
     Folder folder;
     const std::string vcd = folder.Write("s.vcd",
-        "$scope module t $end $var string 1 ! s $end $var wire 1 \" w $end $upscope $end $enddefinitions $end\n"
+        "$timescale 1ns $end $scope module t $end $var string 1 ! s $end $var wire 1 \" w $end $upscope $end\n"
+        "$enddefinitions $end\n"
         "#0 shi ! 1\" #1 sho ! 0\"\n");
     const Ran ran = RunShell("(" + std::string(TARVEL_CLI) + " import-vcd " + vcd + " -o " + folder.File("s.twf") +
                              " 2>&1 >/dev/null)");

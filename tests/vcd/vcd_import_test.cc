@@ -163,7 +163,7 @@ TEST(VcdImport, ValuesKeepEveryCharacterAndOnlyChangesAreStored) {
 
 TEST(VcdImport, ChangesOfOneVariableAtOneTimeBecomeDeltaCycles) {
     const Result r = Import(
-        "$scope module t $end $var wire 1 ! a $end $var wire 1 \" b $end $var wire 2 # v [1:0] $end\n"
+        "$timescale 1 fs $end $scope module t $end $var wire 1 ! a $end $var wire 1 \" b $end $var wire 2 # v [1:0] $end\n"
         "$upscope $end $enddefinitions $end\n"
         "#5 1! 1\" 0! b01 # b10 # 1! 0\" #6 0!\n");
     ASSERT_EQ(r.imported.result.status, VcdImportResult::kOk) << r.imported.result.message;
@@ -177,7 +177,7 @@ TEST(VcdImport, ChangesOfOneVariableAtOneTimeBecomeDeltaCycles) {
 
 TEST(VcdImport, AnAliasedCodeChangesEveryVariableThatHasIt) {
     const Result r = Import(
-        "$scope module tb $end $var reg 1 ! clk $end $scope module dut $end $var wire 1 ! clk $end\n"
+        "$timescale 1 ns $end $scope module tb $end $var reg 1 ! clk $end $scope module dut $end $var wire 1 ! clk $end\n"
         "$var wire 2 \" bus [1:0] $end $upscope $end $var wire 2 \" bus [1:0] $end $upscope $end\n"
         "$enddefinitions $end #0 0! b10 \" #10 1! b01 \"\n");
     ASSERT_EQ(r.imported.result.status, VcdImportResult::kOk) << r.imported.result.message;
@@ -192,7 +192,7 @@ TEST(VcdImport, WhatCannotBeImportedIsReportedOncePerVariable) {
     const Result r = Import(
         "$scope module t $end $var string 1 ! s $end $var mystery 1 \" m $end $var integer 32 # i $end\n"
         "$var wire 4 $ v [3:0] $end $var real 64 % r $end $var wire 2 & w [1:0] $end\n"
-        "$upscope $end $foo bar $end $enddefinitions $end\n"
+        "$upscope $end $foo bar $end $timescale 1ps $end $enddefinitions $end\n"
         "#0 shello ! sbye ! 1\" bx # b1 # b0z # b12 $ b13 $ b1 $ r0.123456789 % r0.5 % r0.123456789 % r1 $\n"
         "#1 1? 0? b101 & b0 $ b111 &\n");
     ASSERT_EQ(r.imported.result.status, VcdImportResult::kOk) << r.imported.result.message;
@@ -282,6 +282,7 @@ TEST(VcdImport, CommitsComeEveryFewEventsAndAReaderFollowsThem) {
     close(ends[0]);
     EXPECT_EQ(imported.result.status, VcdImportResult::kOk) << imported.result.message;
     EXPECT_EQ(imported.result.commits, 4u);  // after the declarations, at #500 and #1000, at the end
+    EXPECT_EQ(imported.warnings, std::vector<std::string>{"in.vcd:1: no $timescale: times are taken as picoseconds"});
     EXPECT_EQ(ReadBack(output).signals.at("t.clk").events.size(), 201u);
 }
 

@@ -49,6 +49,13 @@ struct Var {
     bool known = false;         // kLogic, kInteger, kLong, kReal: `value` holds a stored value
 };
 
+// `text`, at most 40 bytes of it, between single quotes.
+std::string Quoted(std::string_view text) {
+    std::string quoted(1, '\'');
+    quoted.append(text.substr(0, 40)).push_back('\'');
+    return quoted;
+}
+
 struct ScopeFrame {
     int handle;              // the scope's signal
     int children;            // children declared so far
@@ -105,9 +112,12 @@ private:
         std::string_view word;
         std::vector<std::string> words;
         while (m_in.NextWord(&word)) {
-            if (word == "$enddefinitions") return ReadSection(word, &words);
+            if (word == "$enddefinitions") {
+                if (!m_sawTimescale) Warn("no $timescale: times are taken as picoseconds");
+                return ReadSection(word, &words);
+            }
             if (word.empty() || word[0] != '$') {
-                return Fail("'" + std::string(word.substr(0, 40)) + "' where a $ section should start: not a VCD file");
+                return Fail(Quoted(word) + " where a $ section should start: not a VCD file");
             }
             const std::string keyword(word);
             if (!ReadSection(word, &words)) return false;
@@ -153,6 +163,7 @@ private:
         const std::optional<std::int64_t> resolution = Vcd::ParseTimescale(text);
         if (!resolution) return Fail("$timescale '" + text + "' is no time unit");
         m_result.resolution = *resolution;
+        m_sawTimescale = true;
         if (!m_w.SetResolution(*resolution)) return Fail("a second $timescale");
         return true;
     }
@@ -268,7 +279,7 @@ private:
                 case '$': ok = Keyword(word); break;
                 default:
                     if (Vcd::LogicCode(word[0]) == Vcd::kNoCode) {
-                        ok = Fail("'" + std::string(word.substr(0, 40)) + "' is no value change");
+                        ok = Fail(Quoted(word) + " is no value change");
                     } else {
                         ok = ChangeScalar(word);
                     }
@@ -295,7 +306,7 @@ private:
         const char* end = word.data() + word.size();
         auto [last, error] = std::from_chars(word.data() + 1, end, time);
         if (error != std::errc() || last != end || time > static_cast<std::uint64_t>(INT64_MAX)) {
-            return Fail("'" + std::string(word.substr(0, 40)) + "' is no time");
+            return Fail(Quoted(word) + " is no time");
         }
         const int64 t = static_cast<int64>(time);
         if (t == m_time) return true;
@@ -414,23 +425,29 @@ private:
             given = m_scratch.data();
         }
         char* current = m_chars.data() + var.value;
+        // The differing bits, eight at a time, with their codes; a character that is no value
+        // makes the whole value ignored before anything is stored.
         m_changed.clear();
+        bool bad = false;
+        auto note = [&](std::uint32_t at) {
+            bad |= Vcd::LogicCode(given[at]) == Vcd::kNoCode;
+            m_changed.push_back(at);
+        };
         std::uint32_t bit = 0;
         for (; bit + 8 <= width; bit += 8) {
             std::uint64_t now, before;
             std::memcpy(&now, given + bit, 8);
             std::memcpy(&before, current + bit, 8);
-            if (now == before) continue;
-            for (std::uint32_t at = bit; at < bit + 8; ++at) {
-                if (given[at] != current[at]) m_changed.push_back(at);
+            for (std::uint64_t diff = now ^ before; diff != 0;) {
+                const unsigned byte = static_cast<unsigned>(__builtin_ctzll(diff)) / 8;
+                note(bit + byte);
+                diff &= ~(std::uint64_t{0xFF} << (8 * byte));
             }
         }
         for (; bit < width; ++bit) {
-            if (given[bit] != current[bit]) m_changed.push_back(bit);
+            if (given[bit] != current[bit]) note(bit);
         }
-        for (std::uint32_t at : m_changed) {
-            if (Vcd::LogicCode(given[at]) == Vcd::kNoCode) return BadDigits(var, index, digits);
-        }
+        if (bad) return BadDigits(var, index, digits);
         bool begun = false;
         for (std::uint32_t at : m_changed) {
             const std::uint8_t code = Vcd::LogicCode(given[at]);
@@ -526,6 +543,7 @@ private:
     std::vector<ScopeFrame> m_scopes;     // the open scopes, outermost first
     std::string m_path;                   // the open scopes' names, each followed by '.'
     int m_nextHandle = 0;                 // the next free handle
+    bool m_sawTimescale = false;          // the header had a $timescale
 
     int64 m_time = 0;                     // the current time
     unsigned m_delta = 0;                 // the current delta cycle
