@@ -99,8 +99,9 @@ void RunExport(const std::string& input, const std::string& output) {
         return;
     }
     if (output != "-") {
-        std::printf("%s: %llu variables, %llu value changes up to time %lld (%s)\n", output.c_str(),
-                    static_cast<unsigned long long>(result.variables), static_cast<unsigned long long>(result.changes),
+        std::printf("%s: %llu variables (%llu sharing the code of another), %llu value changes up to time %lld (%s)\n",
+                    output.c_str(), static_cast<unsigned long long>(result.variables),
+                    static_cast<unsigned long long>(result.aliases), static_cast<unsigned long long>(result.changes),
                     static_cast<long long>(result.endTime), result.timescale.c_str());
     }
 }
