@@ -33,8 +33,6 @@ enum class Kind : std::uint8_t {
 };
 
 constexpr std::uint32_t kNone = VcdCodeTable::kNone;
-// Vectors wider than this are reported and skipped (each bit is a signal of the file).
-constexpr std::uint32_t kMaxVectorWidth = std::uint32_t{1} << 24;
 
 struct Var {
     Kind kind = Kind::kSkipped;
@@ -216,7 +214,7 @@ private:
                                                              : "variable type '" + words[0] + "' not imported");
         }
         if (size == 0 && varClass != VarClass::kReal) return Skip(index, "variable of size 0 not imported");
-        if (vectorLike && size > kMaxVectorWidth) return Skip(index, "vector of " + sizeText + " bits not imported");
+        if (vectorLike && size > m_options.maxVectorWidth) return Skip(index, "vector of " + sizeText + " bits not imported");
         if (m_nextHandle > INT_MAX - 1 - static_cast<int>(vectorLike ? size : 0)) return Fail("too many variables");
         if (!Declare(var, varClass, words[0], ref, vectorLike)) return false;
         ++m_result.variables;

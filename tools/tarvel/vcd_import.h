@@ -25,6 +25,8 @@ struct VcdImportOptions {
     // the last commit, so that a reader can follow the import.
     std::uint64_t flushEvents = (std::uint64_t{1} << 20) - (std::uint64_t{1} << 17);
     std::uint64_t commitEvents = std::uint64_t{1} << 22;
+    // Vectors wider than this are reported and not imported (every bit is a signal of the file).
+    std::uint32_t maxVectorWidth = std::uint32_t{1} << 24;
 };
 
 struct VcdImportResult {
