@@ -49,7 +49,7 @@ measure() {
 }
 
 cat big.vcd > /dev/null  # into the page cache, for every program alike
-echo "VCD: $(( $(stat -c %s big.vcd) / 1000000 )) MB; tarvel: $tarvel"
+echo "VCD: $(( $(stat -c %s big.vcd) / 1000000 )) MB; tarvel: $tarvel; load before: $(cut -d' ' -f1-3 /proc/loadavg)"
 echo "| run | seconds | MB/s of its input | peak MB |"
 echo "|---|---|---|---|"
 measure "tarvel import-vcd" big.vcd "$tarvel" import-vcd big.vcd -o big.twf
@@ -64,6 +64,7 @@ measure "tarvel import-vcd, a quarter as long" quarter.vcd "$tarvel" import-vcd 
 awk -v i="$import" -v v="$vcd2fst" -v e="$export" -v f="$fst2vcd" 'BEGIN {
   printf "import: %.2f times as fast as vcd2fst (target: at least 2)\n", v / i
   printf "export: %.2f times as fast as fst2vcd (target: at least 1)\n", f / e }'
+echo "load after: $(cut -d' ' -f1-3 /proc/loadavg) (other work on the machine slows the two-threaded import most)"
 echo "sizes: VCD $(stat -c %s big.vcd), tarvel $(stat -c %s big.twf), FST $(stat -c %s big.fst)," \
      "exported VCD $(stat -c %s export.vcd) bytes"
 rm -f big.twf big.twf.log quarter.twf big.fst export.vcd fst2vcd.vcd time.txt stderr.txt last_seconds
