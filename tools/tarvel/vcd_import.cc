@@ -348,11 +348,15 @@ private:
 
     // Stores `value` (the writer reads 4 or 8 of its bytes, by the handle's type). A failure of
     // the writer shows at the next time change.
-    bool Store(int handle, std::uint64_t value) {
+    bool Store(int handle, std::uint64_t value, bool wide = false) {
         ++m_result.events;
         ++m_sinceFlush;
         ++m_sinceCommit;
-        m_pipe->StoreValue(handle, value);
+        if (wide) {
+            m_pipe->StoreWideValue(handle, value);
+        } else {
+            m_pipe->StoreValue(handle, static_cast<std::uint32_t>(value));
+        }
         return true;
     }
 
@@ -362,7 +366,7 @@ private:
         if (!BeginChange(var)) return false;
         var.value = value;
         var.known = true;
-        return Store(var.handle, value);
+        return Store(var.handle, value, var.kind == Kind::kLong || var.kind == Kind::kReal);
     }
 
     bool ChangeScalar(std::string_view word) {

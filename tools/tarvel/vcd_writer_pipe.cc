@@ -4,7 +4,7 @@
 namespace TarvelTool {
 
 VcdWriterPipe::VcdWriterPipe(Tarvel::ITarvelWrite& writer) : m_writer(writer), m_thread([this] { Run(); }) {
-    m_batch.reserve(kBatchCalls);
+    m_batch.reserve(kBatchWords);
 }
 
 VcdWriterPipe::~VcdWriterPipe() {
@@ -17,8 +17,8 @@ void VcdWriterPipe::Send() {
     m_changed.notify_all();
     if (m_free.empty() && m_made < kBatches) {
         ++m_made;
-        m_batch = std::vector<Call>();
-        m_batch.reserve(kBatchCalls);
+        m_batch = std::vector<std::uint64_t>();
+        m_batch.reserve(kBatchWords);
         return;
     }
     m_changed.wait(lock, [this] { return !m_free.empty(); });
@@ -40,7 +40,7 @@ bool VcdWriterPipe::Finish() {
 
 void VcdWriterPipe::Run() {
     while (true) {
-        std::vector<Call> batch;
+        std::vector<std::uint64_t> batch;
         {
             std::unique_lock<std::mutex> lock(m_mutex);
             m_changed.wait(lock, [this] { return !m_queued.empty() || m_done; });
@@ -48,14 +48,7 @@ void VcdWriterPipe::Run() {
             batch = std::move(m_queued.front());
             m_queued.pop_front();
         }
-        if (!Failed()) {
-            for (const Call& call : batch) {
-                if (!Make(call)) {
-                    m_failed.store(true, std::memory_order_relaxed);
-                    break;
-                }
-            }
-        }
+        if (!Failed() && !Make(batch)) m_failed.store(true, std::memory_order_relaxed);
         batch.clear();
         std::lock_guard<std::mutex> lock(m_mutex);
         m_free.push_back(std::move(batch));
@@ -63,18 +56,30 @@ void VcdWriterPipe::Run() {
     }
 }
 
-bool VcdWriterPipe::Make(const Call& call) {
-    switch (call.what) {
-        case kSetTime: return m_writer.SetTime(static_cast<Tarvel::int64>(call.value));
-        case kSetDelta: return m_writer.SetDelta(static_cast<unsigned>(call.value));
-        case kFlush: return m_writer.Flush();
-        case kCommit: return m_writer.Commit() && m_writer.Resume();
-        default: {
-            unsigned char data[8];
-            for (int i = 0; i < 8; ++i) data[i] = static_cast<unsigned char>(call.value >> (8 * i));
-            return m_writer.StoreValue(static_cast<int>(call.what), data);
+bool VcdWriterPipe::Make(const std::vector<std::uint64_t>& batch) {
+    unsigned char data[8];
+    auto put = [&data](std::uint64_t value) {
+        for (int i = 0; i < 8; ++i) data[i] = static_cast<unsigned char>(value >> (8 * i));
+    };
+    for (std::size_t at = 0; at < batch.size(); ++at) {
+        const std::int32_t what = static_cast<std::int32_t>(static_cast<std::uint32_t>(batch[at] >> 32));
+        const std::uint32_t argument = static_cast<std::uint32_t>(batch[at]);
+        bool ok;
+        if (what >= 0) {
+            put(argument);
+            ok = m_writer.StoreValue(what, data);
+        } else {
+            switch (what) {
+                case kStoreWide: put(batch[++at]); ok = m_writer.StoreValue(static_cast<int>(argument), data); break;
+                case kSetTime: ok = m_writer.SetTime(static_cast<Tarvel::int64>(batch[++at])); break;
+                case kSetDelta: ok = m_writer.SetDelta(argument); break;
+                case kFlush: ok = m_writer.Flush(); break;
+                default: ok = m_writer.Commit() && m_writer.Resume(); break;
+            }
         }
+        if (!ok) return false;
     }
+    return true;
 }
 
 }  // namespace TarvelTool

@@ -19,8 +19,9 @@ namespace TarvelTool {
 
 class VcdWriterPipe {
 public:
-    // Calls per batch, and batches under way at most (memory: 16 bytes a call).
-    static constexpr std::size_t kBatchCalls = std::size_t{1} << 15;
+    // Words (8 bytes) per batch, and batches under way at most. A call takes one word (a value
+    // of at most 32 bits, a delta, a flush, a commit) or two (an 8-byte value, a time).
+    static constexpr std::size_t kBatchWords = std::size_t{1} << 15;
     static constexpr std::size_t kBatches = 4;
 
     // Starts the thread. REQUIRES: nothing else uses `writer` until Finish returns.
@@ -30,10 +31,12 @@ public:
     VcdWriterPipe(const VcdWriterPipe&) = delete;
     VcdWriterPipe& operator=(const VcdWriterPipe&) = delete;
 
-    // The writer's calls of the same names, made later on the pipe's thread. StoreValue takes the
-    // value as a number; the writer reads its 4 or 8 low bytes.
-    void StoreValue(int handle, std::uint64_t value) { Put(handle, value); }
-    void SetTime(Tarvel::int64 time) { Put(kSetTime, static_cast<std::uint64_t>(time)); }
+    // The writer's calls of the same names, made later on the pipe's thread. StoreValue takes a
+    // 4-byte value (std_logic codes, enumerations, 32-bit integers) as a number; StoreWideValue
+    // an 8-byte one (reals, 64-bit integers). REQUIRES: handle >= 0.
+    void StoreValue(int handle, std::uint32_t value) { Put(handle, value); }
+    void StoreWideValue(int handle, std::uint64_t value) { Put(kStoreWide, static_cast<std::uint32_t>(handle), value); }
+    void SetTime(Tarvel::int64 time) { Put(kSetTime, 0, static_cast<std::uint64_t>(time)); }
     void SetDelta(unsigned delta) { Put(kSetDelta, delta); }
     void Flush() { Put(kFlush, 0); }
     // Commit, then Resume; sent to the thread at once, so that readers see the commit soon.
@@ -50,29 +53,36 @@ public:
     bool Finish();
 
 private:
-    enum Operation : std::int64_t { kSetTime = -1, kSetDelta = -2, kFlush = -3, kCommit = -4 };
-    struct Call {
-        std::int64_t what;     // a handle (StoreValue), or an Operation
-        std::uint64_t value;   // the value, time or delta
-    };
+    // A word: the operation (a handle for StoreValue) in the high 32 bits, a 32-bit argument
+    // in the low ones; kStoreWide and kSetTime are followed by a word with the 64-bit argument.
+    enum Operation : std::int32_t { kSetTime = -1, kSetDelta = -2, kFlush = -3, kCommit = -4, kStoreWide = -5 };
+    static std::uint64_t Word(std::int32_t what, std::uint32_t argument) {
+        return static_cast<std::uint64_t>(static_cast<std::uint32_t>(what)) << 32 | argument;
+    }
 
-    void Put(std::int64_t what, std::uint64_t value) {
-        if (m_batch.size() == kBatchCalls) Send();
-        m_batch.push_back({what, value});
+    void Put(std::int32_t what, std::uint32_t argument) {
+        if (m_batch.size() + 1 > kBatchWords) Send();
+        m_batch.push_back(Word(what, argument));
+    }
+    void Put(std::int32_t what, std::uint32_t argument, std::uint64_t wide) {
+        if (m_batch.size() + 2 > kBatchWords) Send();  // both words in one batch
+        m_batch.push_back(Word(what, argument));
+        m_batch.push_back(wide);
     }
     // Queues the batch being filled and takes a free one (waiting for one when all are used).
     void Send();
     void Run();
-    bool Make(const Call& call);
+    // Makes the calls of a batch; false at the first that fails.
+    bool Make(const std::vector<std::uint64_t>& batch);
 
     Tarvel::ITarvelWrite& m_writer;
-    std::vector<Call> m_batch;                 // being filled by the caller
-    std::mutex m_mutex;                        // guards the two lists and m_done
-    std::condition_variable m_changed;         // a batch was queued or freed, or m_done set
-    std::deque<std::vector<Call>> m_queued;    // full batches, oldest first
-    std::vector<std::vector<Call>> m_free;     // emptied batches for the caller
-    std::size_t m_made = 1;                    // batches in existence (at most kBatches)
-    bool m_done = false;                       // no more batches will come
+    std::vector<std::uint64_t> m_batch;                 // being filled by the caller
+    std::mutex m_mutex;                                 // guards the two lists and m_done
+    std::condition_variable m_changed;                  // a batch was queued or freed, or m_done set
+    std::deque<std::vector<std::uint64_t>> m_queued;    // full batches, oldest first
+    std::vector<std::vector<std::uint64_t>> m_free;     // emptied batches for the caller
+    std::size_t m_made = 1;                             // batches in existence (at most kBatches)
+    bool m_done = false;                                // no more batches will come
     std::atomic<bool> m_failed{false};
     std::thread m_thread;
 };
