@@ -255,8 +255,6 @@ private:
     }
 
     // ---- The value changes ----
-
-    // ---- The value changes ----
     //
     // The stores are walked window by window of time: each store's events of the window, the
     // last delta's of each time only, become records (time slot, sink, value), which are then put
@@ -288,8 +286,8 @@ private:
             const Tarvel::KEventsStore* store = m_stores[i];
             if (m_sinks[i].var == kNone || !store || store->empty()) continue;
             Walker walker{store, Tarvel::KEventData(), static_cast<std::uint32_t>(m_sinkList.size()), store->GetSize() == 8};
-            m_sinkList.push_back(m_sinks[i]);
             if (!store->GetFirstEvent(&walker.cursor)) continue;
+            m_sinkList.push_back(m_sinks[i]);
             m_next.push_back(walker.cursor.GetTime());
             m_walkers.push_back(std::move(walker));
             m_total += store->count();
@@ -312,10 +310,6 @@ private:
             if (m_records.size() > 2 * m_windowEvents) length = std::max<int64>(1, length / 2);
             if (m_records.size() < m_windowEvents / 2 && length < INT64_MAX / 4) length *= 2;
             start = std::max(end, m_earliest);  // over a stretch without events at once
-            if (m_progress && m_total) {
-                m_progress->Update(static_cast<std::uint64_t>(static_cast<double>(m_done) / static_cast<double>(m_total) *
-                                                              static_cast<double>(m_inputSize)));
-            }
         }
         const int64 endTime = std::max(m_raw.GetEndTime(), lastEvent);
         if (endTime > m_lastWritten || !m_wroteTime) WriteTimeLine(endTime);
@@ -460,6 +454,10 @@ private:
 
     void WriteTime(int64 time) {
         if (m_dirty.empty()) return;
+        if (m_progress && m_total) {  // the events walked so far, as bytes of the input
+            m_progress->Update(static_cast<std::uint64_t>(static_cast<double>(m_done) / static_cast<double>(m_total) *
+                                                          static_cast<double>(m_inputSize)));
+        }
         WriteTimeLine(time);
         for (std::uint32_t index : m_dirty) {
             OutVar& var = m_vars[index];
