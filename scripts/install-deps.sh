@@ -10,7 +10,7 @@ set -euo pipefail
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev make)
 for target in "$@"; do
   case "$target" in
-    vcd) packages+=(iverilog ghdl gtkwave) ;;
+    vcd) packages+=(iverilog ghdl gtkwave time) ;;
     *) echo "install-deps.sh: unknown target '$target' (known: vcd)" >&2; exit 2 ;;
   esac
 done
