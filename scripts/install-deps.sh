@@ -5,7 +5,8 @@
 #
 #   scripts/install-deps.sh        what the build and `make test` need
 #   scripts/install-deps.sh vcd    that, and the simulators and viewer tools of the VCD tests and
-#                                  benchmarks: Icarus Verilog, GHDL, GTKWave (vcd2fst, fst2vcd)
+#                                  benchmarks: Icarus Verilog, GHDL, GTKWave (vcd2fst, fst2vcd),
+#                                  GNU time (the benchmark's wall time and peak memory)
 set -euo pipefail
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev make)
 for target in "$@"; do
