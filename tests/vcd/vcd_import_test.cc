@@ -178,14 +178,20 @@ TEST(VcdImport, ChangesOfOneVariableAtOneTimeBecomeDeltaCycles) {
 TEST(VcdImport, AnAliasedCodeChangesEveryVariableThatHasIt) {
     const Result r = Import(
         "$timescale 1 ns $end $scope module tb $end $var reg 1 ! clk $end $scope module dut $end $var wire 1 ! clk $end\n"
-        "$var wire 2 \" bus [1:0] $end $upscope $end $var wire 2 \" bus [1:0] $end $upscope $end\n"
-        "$enddefinitions $end #0 0! b10 \" #10 1! b01 \"\n");
+        "$var wire 2 \" bus [1:0] $end $upscope $end $var wire 2 \" bus [1:0] $end\n"
+        // Codes around the 8 bytes that one hash key holds: each its own variable.
+        "$var wire 1 abcdefg c7 $end $var wire 1 abcdefgh c8 $end $var wire 1 abcdefghi c9 $end $upscope $end\n"
+        "$enddefinitions $end #0 0! b10 \" 1abcdefg 0abcdefgh 1abcdefghi #10 1! b01 \" 0abcdefg\n");
     ASSERT_EQ(r.imported.result.status, VcdImportResult::kOk) << r.imported.result.message;
     const auto& s = r.file.signals;
     EXPECT_EQ(s.at("tb.clk").events, s.at("tb.dut.clk").events);
     EXPECT_EQ(s.at("tb.clk").events.size(), 2u);
     EXPECT_EQ(s.at("tb.bus(1)").events, s.at("tb.dut.bus(1)").events);
     EXPECT_EQ(s.at("tb.bus(1)").events.size(), 2u);
+    EXPECT_EQ(s.at("tb.c7").events, (std::vector<Event>{{0, 0, "1"}, {10, 0, "0"}}));
+    EXPECT_EQ(s.at("tb.c8").events, (std::vector<Event>{{0, 0, "0"}}));
+    EXPECT_EQ(s.at("tb.c9").events, (std::vector<Event>{{0, 0, "1"}}));
+    EXPECT_TRUE(r.imported.warnings.empty());
 }
 
 TEST(VcdImport, WhatCannotBeImportedIsReportedOncePerVariable) {
