@@ -4,19 +4,19 @@ CYCLES ?= 1000000
 DEMO_FILE ?= build/demo.twf
 GEN := -G Ninja
 
-.PHONY: demo test deps build-demo test-main test-asan test-tsan bench clean
+.PHONY: demo test deps build-demo test-main test-asan test-tsan bench package clean
 
 deps:
 	@scripts/install-deps.sh
 
-# The demo alone, in Release: no tests, no benchmarks.
+# The tool alone, in Release: no tests, no benchmarks.
 build-demo: deps
 	cmake -S . -B build/demo $(GEN) -DCMAKE_BUILD_TYPE=Release -DTARVEL_TESTS=OFF -DTARVEL_BENCH=OFF
-	cmake --build build/demo -j $(JOBS) --target tarvel_demo
+	cmake --build build/demo -j $(JOBS) --target tarvel_cli
 
-# Builds in Release and runs the main job on a built-in example.
+# Builds the tool in Release and runs its built-in example: writes DEMO_FILE, then shows it.
 demo: build-demo
-	./build/demo/tools/tarvel_demo $(CYCLES) $(DEMO_FILE)
+	./build/demo/tools/tarvel/tarvel demo --cycles $(CYCLES) -o $(DEMO_FILE)
 
 # Builds and runs every test: the plain build, then AddressSanitizer+UndefinedBehaviorSanitizer
 # (with short fuzz runs), then ThreadSanitizer over the store-sharing tests and the VCD tests (the
@@ -48,6 +48,14 @@ bench: deps
 	./build/release/bench/store_bench
 	./build/release/bench/stream_reader_bench
 	bench/vcd/vcd_bench.sh build/release/tools/tarvel/tarvel
+
+# A Debian package of a Release build (libraries, headers, CMake and pkg-config files, the tool):
+# build/release/tarvel_<version>_<arch>.deb. `cmake --install build/release --prefix DIR` installs
+# the same without a package.
+package: deps
+	cmake -S . -B build/release $(GEN) -DCMAKE_BUILD_TYPE=Release -DTARVEL_TESTS=OFF
+	cmake --build build/release -j $(JOBS) --target tarvel sorvat tarvel_cli
+	cd build/release && cpack -G DEB
 
 clean:
 	rm -rf build

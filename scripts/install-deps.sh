@@ -1,14 +1,16 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build, tests and benchmarks need, when they are missing.
+# Installs the Debian packages the build, tests, benchmarks and `make package` need (pkgconf for
+# the install test, dpkg-dev for the package's dependencies), when they are missing.
 # As root it installs them with apt-get (waiting for another apt or dpkg to finish); otherwise it
 # prints the command to run and fails.
 #
-#   scripts/install-deps.sh        what the build and `make test` need
+#   scripts/install-deps.sh        what the build, `make test` and `make package` need
 #   scripts/install-deps.sh vcd    that, and the simulators and viewer tools of the VCD tests and
 #                                  benchmarks: Icarus Verilog, GHDL, GTKWave (vcd2fst, fst2vcd),
 #                                  GNU time (the benchmark's wall time and peak memory)
 set -euo pipefail
-packages=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev make)
+packages=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev make
+          pkgconf dpkg-dev)
 for target in "$@"; do
   case "$target" in
     vcd) packages+=(iverilog ghdl gtkwave time) ;;

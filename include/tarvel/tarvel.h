@@ -9,5 +9,7 @@
 #include <tarvel/writer.h>
 #include <tarvel/raw_reader.h>
 #include <tarvel/reader.h>
+#include <tarvel/port_mode.h>
+#include <tarvel/diagnostics.h>
 
 #endif  // TARVEL_TARVEL_H

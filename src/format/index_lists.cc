@@ -16,6 +16,8 @@ void PushRange(Vector<std::int32_t>& list, std::int64_t first, std::int64_t last
     }
 }
 
+constexpr const char* kTooLong = "list names more items than allowed here";
+
 }  // namespace
 
 std::size_t RunLength(const std::int32_t* values, std::size_t count, std::int64_t* step) noexcept {
@@ -33,7 +35,7 @@ bool ReadIndexList(KLexer& lexer, int& c, Vector<std::int32_t>& list, std::size_
         std::int32_t first = 0;
         if (!ReadRelative(lexer, c, first)) return false;
         if (c != kRangeSeparator) {
-            if (list.size() >= limit) return false;
+            if (list.size() >= limit) return lexer.FailAfterToken(c, kTooLong);
             list.push_back(first);
             continue;
         }
@@ -43,10 +45,11 @@ bool ReadIndexList(KLexer& lexer, int& c, Vector<std::int32_t>& list, std::size_
         if (!ReadRelative(lexer, c, last)) return false;
         if (c == kStepSeparator) {
             c = lexer.Next();
-            if (!ReadInteger(lexer, c, step) || step < 1) return false;
+            if (!ReadInteger(lexer, c, step)) return false;
+            if (step < 1) return lexer.FailAfterToken(c, "range step must be at least 1");
         }
         const std::uint64_t span = static_cast<std::uint64_t>(first >= last ? std::int64_t{first} - last : std::int64_t{last} - first);
-        if (span / static_cast<std::uint64_t>(step) + 1 > limit - list.size()) return false;
+        if (span / static_cast<std::uint64_t>(step) + 1 > limit - list.size()) return lexer.FailAfterToken(c, kTooLong);
         PushRange(list, first, last, step);
     }
     return true;

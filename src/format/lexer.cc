@@ -11,6 +11,8 @@ namespace {
 // Stop test of the word scan; a lambda (not a function pointer) so that the scan inlines it.
 constexpr auto kEndsWord = [](unsigned char c) noexcept { return KLexer::IsSpace(c); };
 
+constexpr const char* kNoLineEnd = "unexpected '%s' where the line should end";
+
 }  // namespace
 
 KLexer::KLexer() noexcept : m_next(m_buffer), m_end(m_buffer) {}
@@ -61,17 +63,53 @@ bool KLexer::RestorePosition() noexcept {
 
 bool KLexer::EndOfLineAfterBlanks(int& c) noexcept {
     while (c != '\n') {
-        if (!IsSpace(c)) return false;  // kEnd included
+        if (!IsSpace(c)) return Fail(c, kNoLineEnd);  // kEnd included
         c = Next();
     }
     return true;
 }
 
-bool KLexer::EndOfLineOrFile(int& c) noexcept { return EndOfLine(c) || c == kEnd; }
+bool KLexer::EndOfLineOrFile(int& c) noexcept {
+    if (c == '\r') c = Next();
+    while (c != '\n' && c != kEnd) {
+        if (!IsSpace(c)) return Fail(c, kNoLineEnd);
+        c = Next();
+    }
+    return true;
+}
 
 bool KLexer::Expect(int& c, int wanted) noexcept {
     while (c != '\n' && IsSpace(c)) c = Next();
     return c == wanted;
+}
+
+// ---- Faults (failure paths only) ---------------------------------------------------------------
+
+bool KLexer::Fail(int c, const char* reason) noexcept {
+    if (c == kEnd) return FailAtEnd(kEndsInsideLine);
+    return FailAt(Position() - 1, reason);
+}
+
+bool KLexer::FailAfterToken(int c, const char* reason) noexcept {
+    if (c == kEnd) return FailAtEnd(kEndsInsideLine);  // the token may be cut: the fault is the end
+    FailAt(Position() - 1, reason);
+    m_fault.afterToken = true;
+    return false;
+}
+
+bool KLexer::FailAt(std::int64_t position, const char* reason) noexcept {
+    m_fault = Fault{reason, position, false, false};
+    return false;
+}
+
+bool KLexer::FailAtEnd(const char* reason) noexcept {
+    m_fault = Fault{reason, Position(), false, true};
+    return false;
+}
+
+bool KLexer::RefineEndFault(const char* reason) noexcept {
+    if (m_fault.atEnd && m_fault.reason == kEndsInsideLine) m_fault.reason = reason;
+    return false;
 }
 
 // ---- Words -------------------------------------------------------------------------

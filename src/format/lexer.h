@@ -16,6 +16,12 @@
 // a field is incomplete. The only exception is std::bad_alloc from the allocation path while a
 // caller's string or list grows.
 //
+// Faults. The failure paths of the lexer, the field readers and the parser record where and why
+// reading failed (Fail and its kin: a reason text and a file position), so that a diagnostic
+// (DiagnoseTarvelFile) can name the place of a file's first fault. Only failure paths record;
+// the last fault recorded stands. Reasons are short static texts; one may hold "%s", which the
+// diagnostic replaces with the word of the file at the fault.
+//
 // Costs. Next() is an inline compare and load; the buffer refills out of line with one block read
 // of up to 64 KiB. Token operations scan the buffer directly and append to the caller's string in
 // spans; nothing allocates except the caller's string or list growing to the longest token.
@@ -121,6 +127,36 @@ public:
     std::int32_t LastRelative() const noexcept { return m_lastRelative; }
     void SetLastRelative(std::int32_t value) noexcept { m_lastRelative = value; }
 
+    // ---- Faults ----
+    // The reason recorded when the file ends where a line goes on.
+    static constexpr const char* kEndsInsideLine = "file ends inside a line";
+    static constexpr const char* kNumberExpected = "number expected";
+
+    // The fault recorded last.
+    struct Fault {
+        const char* reason = nullptr;  // null: none recorded
+        std::int64_t position = 0;     // file position of the fault
+        bool afterToken = false;       // the fault is the token that ends at `position`
+        bool atEnd = false;            // the fault is the end of the file
+    };
+    // Records a fault at the character `c` (see above), which does not fit; when `c` is kEnd the
+    // fault is the end of the file, with the reason kEndsInsideLine. Returns false, so that a
+    // failure path reads `return lexer.Fail(c, "...")`.
+    [[gnu::cold]] bool Fail(int c, const char* reason) noexcept;
+    // Records a fault in the token read last, which ends just before `c` (a number out of range,
+    // an unknown word); when `c` is kEnd the token may be cut, and the fault is the end of the
+    // file, as for Fail. Returns false.
+    [[gnu::cold]] bool FailAfterToken(int c, const char* reason) noexcept;
+    // Records a fault at a file position given by the caller. Returns false.
+    [[gnu::cold]] bool FailAt(std::int64_t position, const char* reason) noexcept;
+    // Records a fault at the end of the file with its own reason ("file ends inside a quoted
+    // string"). Returns false.
+    [[gnu::cold]] bool FailAtEnd(const char* reason) noexcept;
+    // When the fault recorded last is the end of the file with the reason kEndsInsideLine, says
+    // where the file ended instead ("file ends inside a block"). Returns false.
+    [[gnu::cold]] bool RefineEndFault(const char* reason) noexcept;
+    const Fault& LastFault() const noexcept { return m_fault; }
+
     // ---- Positions ----
     // File position of the next unread byte (the byte after `c`): bytes read from the file
     // minus those still unread in the buffer.
@@ -152,6 +188,7 @@ private:
     const unsigned char* m_next;          // next unread byte of the buffer
     const unsigned char* m_end;           // end of the bytes read into the buffer
     std::int64_t m_endPosition = 0;       // file position of the byte at m_end
+    Fault m_fault;                        // recorded by failure paths only
     unsigned char m_buffer[kBufferSize];  // the block read last
 };
 

@@ -42,7 +42,7 @@ NameCompression CompressName(std::string_view name, std::string_view previous) n
 }
 
 bool ReadName(KLexer& lexer, int& c, String& name, String& scratch) {
-    if (!lexer.SkipBlanks(c)) return false;
+    if (!lexer.SkipBlanks(c)) return lexer.Fail(c, "name expected");
     if (!KLexer::IsDigit(c)) {
         if (!ReadString(lexer, c, scratch)) return false;
         name.swap(scratch);
@@ -52,7 +52,9 @@ bool ReadName(KLexer& lexer, int& c, String& name, String& scratch) {
     std::int32_t keepBack = 0;
     if (!ReadInteger(lexer, c, keepFront) || !ReadInteger(lexer, c, keepBack)) return false;
     const auto size = static_cast<std::int64_t>(name.size());
-    if (keepFront < 0 || keepBack < 0 || keepFront > size || keepBack > size) return false;
+    if (keepFront < 0 || keepBack < 0 || keepFront > size || keepBack > size) {
+        return lexer.FailAfterToken(c, "compressed name keeps more characters than the previous name has");
+    }
     if (!ReadString(lexer, c, scratch)) return false;
     const auto front = static_cast<std::size_t>(keepFront);
     const auto back = static_cast<std::size_t>(keepBack);

@@ -24,7 +24,7 @@ inline Unsigned ReadDigits(KLexer& lexer, int& c) noexcept {
 inline bool ReadSignedDigits(KLexer& lexer, int& c, std::int32_t& value) noexcept {
     const bool negative = c == '-';
     if (negative) c = lexer.Next();
-    if (!KLexer::IsDigit(c)) return false;
+    if (!KLexer::IsDigit(c)) return lexer.Fail(c, KLexer::kNumberExpected);
     const std::uint32_t magnitude = ReadDigits<std::uint32_t>(lexer, c);
     value = static_cast<std::int32_t>(negative ? 0u - magnitude : magnitude);
     return true;
@@ -73,11 +73,12 @@ NumberText RelativeText(std::int32_t value, std::int32_t& previous) noexcept {
 // ---- Reading ----------------------------------------------------------------------------------
 
 bool ReadInteger(KLexer& lexer, int& c, std::int32_t& value) noexcept {
-    return lexer.SkipBlanks(c) && ReadSignedDigits(lexer, c, value);
+    if (!lexer.SkipBlanks(c)) return lexer.Fail(c, KLexer::kNumberExpected);
+    return ReadSignedDigits(lexer, c, value);
 }
 
 bool ReadRelative(KLexer& lexer, int& c, std::int32_t& value) noexcept {
-    if (!lexer.SkipBlanks(c)) return false;
+    if (!lexer.SkipBlanks(c)) return lexer.Fail(c, KLexer::kNumberExpected);
     const bool difference = c == kRelativePrefix;
     if (difference) c = lexer.Next();
     std::int32_t number = 0;
@@ -91,10 +92,10 @@ bool ReadRelative(KLexer& lexer, int& c, std::int32_t& value) noexcept {
 }
 
 bool ReadWide(KLexer& lexer, int& c, std::int64_t& value) noexcept {
-    if (!lexer.SkipBlanks(c)) return false;
+    if (!lexer.SkipBlanks(c)) return lexer.Fail(c, KLexer::kNumberExpected);
     const bool negative = c == '-';
     if (negative) c = lexer.Next();
-    if (!KLexer::IsDigit(c)) return false;
+    if (!KLexer::IsDigit(c)) return lexer.Fail(c, KLexer::kNumberExpected);
     std::uint64_t magnitude = ReadDigits<std::uint64_t>(lexer, c);
     if (c == kThousandsSuffix) {
         magnitude *= static_cast<std::uint64_t>(kThousand);

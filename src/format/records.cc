@@ -5,8 +5,10 @@ namespace Tarvel::Format {
 
 bool ReadRunHeader(KLexer& lexer, int& c, int& length, std::int64_t& count) noexcept {
     std::int32_t items = 0;
-    if (!ReadInteger(lexer, c, items) || items < 1 || items > kMaxRunLength) return false;
-    if (!ReadWide(lexer, c, count) || count < 0) return false;
+    if (!ReadInteger(lexer, c, items)) return false;
+    if (items < 1 || items > kMaxRunLength) return lexer.FailAfterToken(c, "run length must be 1 to 4");
+    if (!ReadWide(lexer, c, count)) return false;
+    if (count < 0) return lexer.FailAfterToken(c, "repeat count must not be negative");
     length = items;
     return true;
 }

@@ -8,13 +8,16 @@ namespace {
 constexpr auto kEndsBareString = [](unsigned char c) noexcept { return KLexer::IsSpace(c) || c == '='; };
 constexpr auto kEndsQuotedSpan = [](unsigned char c) noexcept { return c == kQuote || c == kEscape; };
 
+constexpr const char* kEndsInsideQuotes = "file ends inside a quoted string";
+constexpr const char* kStringExpected = "name or text expected";
+
 bool ReadQuoted(KLexer& lexer, int& c, String& text) {
     for (;;) {
         c = lexer.AppendUntil(text, kEndsQuotedSpan);
         if (c == kQuote) break;
-        if (c == KLexer::kEnd) return false;
+        if (c == KLexer::kEnd) return lexer.FailAtEnd(kEndsInsideQuotes);
         c = lexer.Next();  // the character after a backslash, taken as it is
-        if (c == KLexer::kEnd) return false;
+        if (c == KLexer::kEnd) return lexer.FailAtEnd(kEndsInsideQuotes);
         text.push_back(static_cast<char>(c));
     }
     c = lexer.Next();
@@ -25,10 +28,10 @@ bool ReadCharacterLiteral(KLexer& lexer, int& c, String& text) {
     const int character = lexer.Next();
     if (character == KLexer::kEnd) {
         c = KLexer::kEnd;
-        return false;
+        return lexer.FailAtEnd(KLexer::kEndsInsideLine);
     }
     c = lexer.Next();
-    if (c != kCharacterQuote) return false;
+    if (c != kCharacterQuote) return lexer.Fail(c, "character literal not closed: ' expected");
     const char literal[3] = {kCharacterQuote, static_cast<char>(character), kCharacterQuote};
     text.append(literal, 3);
     c = lexer.Next();
@@ -39,10 +42,10 @@ bool ReadCharacterLiteral(KLexer& lexer, int& c, String& text) {
 
 bool ReadString(KLexer& lexer, int& c, String& text) {
     text.clear();
-    if (!lexer.SkipBlanks(c)) return false;
+    if (!lexer.SkipBlanks(c)) return lexer.Fail(c, kStringExpected);
     if (c == kQuote) return ReadQuoted(lexer, c, text);
     if (c == kCharacterQuote) return ReadCharacterLiteral(lexer, c, text);
-    if (kEndsBareString(static_cast<unsigned char>(c))) return false;
+    if (kEndsBareString(static_cast<unsigned char>(c))) return lexer.Fail(c, kStringExpected);
     text.push_back(static_cast<char>(c));
     c = lexer.AppendUntil(text, kEndsBareString);
     return true;

@@ -19,7 +19,7 @@ std::string_view FloatText(const unsigned char* bytes, char (&out)[40]) noexcept
 
 bool ReadStdLogicText(KLexer& lexer, int& c, unsigned char* bytes) noexcept {
     const int code = c == kStdLogicInvalid ? kStdLogicInvalidCode : StdLogicCode(static_cast<char>(c));
-    if (code < 0 || c == KLexer::kEnd) return false;
+    if (code < 0 || c == KLexer::kEnd) return lexer.Fail(c, "std_logic value (one of UX01ZWLH-) expected");
     LittleEndian::Store<std::uint32_t>(bytes, static_cast<std::uint32_t>(code));
     c = lexer.Next();
     return true;
@@ -44,14 +44,16 @@ bool ReadValueText(KLexer& lexer, int& c, const TypeHandle& type, unsigned char*
             if (!ReadString(lexer, c, scratch)) return false;
             char* end = nullptr;
             const double value = std::strtod(scratch.c_str(), &end);
-            if (end == scratch.c_str() || *end != '\0') return false;
+            if (end == scratch.c_str() || *end != '\0') return lexer.FailAfterToken(c, "'%s' is no real number");
             std::uint64_t raw;
             std::memcpy(&raw, &value, sizeof raw);
             LittleEndian::Store<std::uint64_t>(bytes, raw);
             return true;
         }
-        case kTypeEnumeration: return ReadString(lexer, c, scratch) && type.TextToValue(scratch.c_str(), bytes, 8);
-        default: return false;
+        case kTypeEnumeration:
+            if (!ReadString(lexer, c, scratch)) return false;
+            return type.TextToValue(scratch.c_str(), bytes, 8) || lexer.FailAfterToken(c, kNotALiteral);
+        default: return lexer.Fail(c, "values of a signal whose type has none");
     }
 }
 

@@ -91,6 +91,9 @@ inline ValueWritten PutValueText(Sink& out, const TypeHandle& type, const unsign
 
 // ---- Reading ----------------------------------------------------------------------------------
 
+// The fault of an enumeration value text that names no literal of the type.
+inline constexpr const char* kNotALiteral = "'%s' is no literal of the signal's type";
+
 // One std_logic character at `c` into 4 bytes (its code; "?" reads as 9). False for any other
 // character.
 bool ReadStdLogicText(KLexer& lexer, int& c, unsigned char* bytes) noexcept;

@@ -9,6 +9,7 @@
 #if defined(_WIN32)
 #  include <windows.h>
 #else
+#  include <fcntl.h>
 #  include <unistd.h>
 #  if defined(__linux__)
 #    include <sys/vfs.h>
@@ -36,6 +37,19 @@ bool RuntimeSeek(std::FILE* stream, std::int64_t position) noexcept {
     return _fseeki64(stream, position, SEEK_SET) == 0;
 #else
     return fseeko(stream, static_cast<off_t>(position), SEEK_SET) == 0;
+#endif
+}
+
+// The library's files are its own: a program the host starts must not inherit them (a child
+// holding the writer's descriptor keeps the file open for writing after the writer closed it).
+void KeepFromChildren(std::FILE* stream) noexcept {
+#if defined(_WIN32)
+    (void)stream;  // the runtime's handles are not inherited unless asked for
+#else
+    if (stream == nullptr) return;
+    const int descriptor = fileno(stream);
+    const int flags = fcntl(descriptor, F_GETFD);
+    if (flags >= 0) fcntl(descriptor, F_SETFD, flags | FD_CLOEXEC);
 #endif
 }
 
@@ -149,6 +163,7 @@ OutputFile OpenOutputFile(const char* name) noexcept {
     const FileHooks* hooks = Hooks();
     std::FILE* stream = (hooks != nullptr && hooks->open != nullptr) ? hooks->open(name, mode)
                                                                      : std::fopen(name, mode);
+    KeepFromChildren(stream);
     return OutputFile{stream, stream != nullptr && commitAfterFlush};
 }
 
@@ -224,7 +239,9 @@ const InputFileHooks* InputHooks() noexcept { return g_inputHooks.load(std::memo
 std::FILE* OpenInputFile(const char* name) noexcept {
     const InputFileHooks* hooks = InputHooks();
     if (hooks != nullptr && hooks->open != nullptr) return hooks->open(name, "rb");
-    return std::fopen(name, "rb");
+    std::FILE* stream = std::fopen(name, "rb");
+    KeepFromChildren(stream);
+    return stream;
 }
 
 std::size_t ReadInput(void* data, std::size_t size, std::FILE* stream) noexcept {

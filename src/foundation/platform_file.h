@@ -25,7 +25,8 @@ struct OutputFile {
 };
 
 // Opens `name` for binary writing (truncating it). The stream is null on failure. Owned by the
-// caller, who closes it with CloseFile.
+// caller, who closes it with CloseFile. Programs the host starts do not inherit it (the same
+// holds for input files).
 OutputFile OpenOutputFile(const char* name) noexcept;
 
 // True when `name` lies on a network file system (see the rule above). On Windows a name without

@@ -15,11 +15,14 @@
 #include "rawreader/sourcer_access.h"
 #include "store/store_access.h"
 #include "format/vocabulary.h"
+#include "tarvel/port_mode.h"
 
 namespace Tarvel {
 namespace {
 
 bool Is(const String& word, std::string_view expected) { return std::string_view(word) == expected; }
+
+constexpr const char* kResolutionNotPositive = "resolution must be above 0";
 
 }  // namespace
 
@@ -35,15 +38,17 @@ bool KRawTarvelRead::Open(const char* fileName) {
         if (!m_lexer.Open(fileName) || !ReadHeader()) return false;
         return m_version == 1 ? ParseOldLayout() : ParseLines();
     } catch (const std::bad_alloc&) {
-        return false;
+        return m_lexer.FailAt(m_lexer.Position(), "out of memory");
     }
 }
 
 bool KRawTarvelRead::ReadHeader() {
     int c = m_lexer.Next();
-    if (c != Format::kKeywordLead) return false;
+    if (c == KLexer::kEnd) return m_lexer.FailAtEnd("the file is empty");
+    if (c != Format::kKeywordLead) return m_lexer.Fail(c, "no waveform file: the first line is no $WAVE header");
     c = m_lexer.Next();
-    if (!m_lexer.ReadWord(c, m_word) || !m_lexer.EndOfLine(c)) return false;
+    if (!m_lexer.ReadWord(c, m_word)) return m_lexer.Fail(c, "header word expected after '$'");
+    if (!m_lexer.EndOfLine(c)) return false;
     for (const Format::HeaderWord& header : Format::kHeaderWords) {
         if (std::string_view(m_word) == header.word) {
             m_version = header.version;
@@ -51,7 +56,7 @@ bool KRawTarvelRead::ReadHeader() {
             return true;
         }
     }
-    return false;
+    return m_lexer.FailAt(0, "unknown header '%s'");
 }
 
 // ---- The line loop ----------------------------------------------------------------------------
@@ -61,7 +66,7 @@ bool KRawTarvelRead::ParseLines() {
     for (;;) {
         m_lexer.SavePosition();
         bool stop = false;
-        if (!ParseLine(m_lexer.Next(), &stop)) return false;
+        if (!ParseLine(m_lexer.Next(), &stop)) return LineFailed();
         if (stop) break;
     }
     // Blocks grow the stores' last chunks as they come; what is read is final until Continue.
@@ -69,34 +74,47 @@ bool KRawTarvelRead::ParseLines() {
     return true;
 }
 
+// Every failure path of a line records its fault; this one makes sure that a fault recorded by
+// an earlier line (a field tried and given up) never stands for this line's.
+bool KRawTarvelRead::LineFailed() {
+    const KLexer::Fault& fault = m_lexer.LastFault();
+    if (!fault.reason || fault.position < m_lexer.SavedPosition()) m_lexer.FailAt(m_lexer.SavedPosition(), "malformed line");
+    return false;
+}
+
 bool KRawTarvelRead::ParseLine(int c, bool* stop) {
     switch (c) {
         case Format::kKeywordLead: c = m_lexer.Next(); return ParseKeyword(c, stop);
         case Format::kCommitMark:
             m_stoppedAtMark = true;
+            m_endedAtTerminator = false;
             *stop = true;
             return true;
         case Format::kCommentLead: return SkipLine(c);
         case Format::kTypeLead: c = m_lexer.Next(); return ParseTypeLine(c);
         case Format::kPropertyLead: c = m_lexer.Next(); return ParseProperty(c);
         case Format::kScalarElementLead: c = m_lexer.Next(); return ParseElement(c);
-        default: return false;
+        case KLexer::kEnd: return m_lexer.FailAtEnd("file ends without $ENDWAVE or a commit mark");
+        case '\r':
+        case '\n': return m_lexer.Fail(c, "empty line");
+        default: return m_lexer.Fail(c, "unknown line '%s'");
     }
 }
 
 bool KRawTarvelRead::SkipLine(int& c) {
     while (c != '\n' && c != KLexer::kEnd) c = m_lexer.Next();
-    return c == '\n';
+    return c == '\n' || m_lexer.FailAtEnd(KLexer::kEndsInsideLine);
 }
 
 bool KRawTarvelRead::ParseKeyword(int& c, bool* stop) {
-    if (!m_lexer.ReadWord(c, m_word)) return false;
+    if (!m_lexer.ReadWord(c, m_word)) return m_lexer.Fail(c, "keyword expected after '$'");
     int mode = 0;
-    if (Format::ModeFromWord(m_word, false, &mode)) return ParseDeclaration(c, mode, false);
+    if (Format::ModeFromWord(m_word, false, &mode)) return ParseDeclaration(c, mode, false) || DeclarationFailed();
     if (Is(m_word, Format::kBus)) {
-        if (m_version != 4) return ParseDeclaration(c, 0, true);
-        if (!m_lexer.SkipBlanks(c) || !m_lexer.ReadWord(c, m_word) || !Format::ModeFromWord(m_word, true, &mode)) return false;
-        return ParseDeclaration(c, mode, true);
+        if (m_version != 4) return ParseDeclaration(c, 0, true) || DeclarationFailed();
+        if (!m_lexer.SkipBlanks(c) || !m_lexer.ReadWord(c, m_word)) return m_lexer.Fail(c, "port mode expected after $BUS");
+        if (!Format::ModeFromWord(m_word, true, &mode)) return m_lexer.FailAfterToken(c, "unknown port mode '%s'");
+        return ParseDeclaration(c, mode, true) || DeclarationFailed();
     }
     if (Is(m_word, Format::kWaves)) return ParseWaves(c);
     if (Is(m_word, Format::kElementList)) return ParseElementList(c, m_currentBus);
@@ -118,7 +136,9 @@ bool KRawTarvelRead::ParseKeyword(int& c, bool* stop) {
     }
     if (Is(m_word, Format::kResolution)) {
         int64 resolution = 0;
-        if (!Format::ReadWide(m_lexer, c, resolution) || resolution <= 0 || !m_lexer.EndOfLine(c)) return false;
+        if (!Format::ReadWide(m_lexer, c, resolution)) return false;
+        if (resolution <= 0) return m_lexer.FailAfterToken(c, kResolutionNotPositive);
+        if (!m_lexer.EndOfLine(c)) return false;
         m_resolution = resolution;
         return true;
     }
@@ -126,11 +146,14 @@ bool KRawTarvelRead::ParseKeyword(int& c, bool* stop) {
         // The terminator's line stays the position to read on from: a writer that resumes turns
         // it into a commit mark and writes on over it.
         m_stoppedAtMark = true;
+        m_endedAtTerminator = true;
         *stop = true;
         return m_lexer.EndOfLineOrFile(c);
     }
-    return false;
+    return m_lexer.FailAfterToken(c, "unknown keyword '%s'");
 }
+
+bool KRawTarvelRead::DeclarationFailed() { return m_lexer.RefineEndFault("file ends inside a declaration"); }
 
 // ---- Declarations -----------------------------------------------------------------------------
 
@@ -156,7 +179,7 @@ bool KRawTarvelRead::ParseDeclaration(int& c, int mode, bool bus) {
     if (!Format::ReadRelative(m_lexer, c, handle)) return false;
     if (m_version == 4 && !Format::ReadInteger(m_lexer, c, typeId)) return false;
     if (bus && !Format::ReadInteger(m_lexer, c, width)) return false;
-    if (!m_lexer.SkipBlanks(c) || !Format::ReadName(m_lexer, c, m_previousName, m_scratch)) return false;
+    if (!Format::ReadName(m_lexer, c, m_previousName, m_scratch)) return false;
     SignalEntry& entry = Declare(handle);
     entry.mode = mode;
     entry.isBus = bus;
@@ -199,7 +222,9 @@ bool KRawTarvelRead::ParseVersion2Tail(int& c, SignalEntry& entry, bool hasX, st
         const bool hasY = NumberFollows(c);
         if (hasY && !Format::ReadInteger(m_lexer, c, parent)) return false;
         if (hasY && m_lexer.SkipBlanks(c) && !KLexer::IsDigit(c) && c != '-') {
-            if (entry.mode != Format::kModeNone && entry.mode != Format::kModeSignal) return false;
+            if (entry.mode != Format::kModeNone && entry.mode != Format::kModeSignal) {
+                return m_lexer.Fail(c, "a mode word may follow only on NOMODE and SIGNAL lines");
+            }
             if (!m_lexer.ReadWord(c, m_word)) return false;
             int mode = 0;
             entry.mode = Format::ModeFromWord(m_word, false, &mode) ? mode : 0;
@@ -265,7 +290,7 @@ bool KRawTarvelRead::ParseElement(int& c) {
 // bus type's child at their position.
 bool KRawTarvelRead::ParseElementList(int& c, std::int32_t busHandle) {
     const SignalEntry* target = Find(busHandle);
-    if (!target) return false;
+    if (!target) return m_lexer.FailAt(m_lexer.SavedPosition(), "element list of a bus that is not declared");
     // A bus has at most `width` elements. And every element is a signal of its own, so the
     // elements of all lists together may not outnumber kFreeElements plus the bytes read so far:
     // a writer's file spends an "S" line on each element, so only damage (a wrapped width and a
@@ -299,7 +324,7 @@ bool KRawTarvelRead::ParseElementEnd(int& c) {
     int64 time = 0;
     if (!Format::ReadInteger(m_lexer, c, handle) || !Format::ReadWide(m_lexer, c, time) || !m_lexer.EndOfLineOrFile(c)) return false;
     SignalEntry* entry = Find(handle);
-    if (!entry) return false;
+    if (!entry) return m_lexer.FailAt(m_lexer.SavedPosition(), "$ENDSC names a signal that is not declared");
     entry->endTime = time;
     return true;
 }
@@ -332,6 +357,7 @@ bool KRawTarvelRead::ParseSourceLine(int& c) {
 
 bool KRawTarvelRead::ParseOldLayout() {
     for (;;) {
+        m_lexer.SavePosition();  // the start of the line, where a diagnostic names the end
         int c = m_lexer.Next();
         if (c == Format::kCommentLead) {
             if (!SkipLine(c)) return false;
@@ -345,12 +371,16 @@ bool KRawTarvelRead::ParseOldLayout() {
         if (c == Format::kKeywordLead) {  // only "$RESOLUTION" in this layout
             c = m_lexer.Next();
             int64 resolution = 0;
-            if (!m_lexer.ReadWord(c, m_word) || !Is(m_word, Format::kResolution)) return false;
-            if (!Format::ReadWide(m_lexer, c, resolution) || resolution <= 0 || !m_lexer.EndOfLine(c)) return false;
+            if (!m_lexer.ReadWord(c, m_word)) return m_lexer.Fail(c, "keyword expected after '$'");
+            if (!Is(m_word, Format::kResolution)) return m_lexer.FailAfterToken(c, "unknown keyword '%s'");
+            if (!Format::ReadWide(m_lexer, c, resolution)) return false;
+            if (resolution <= 0) return m_lexer.FailAfterToken(c, kResolutionNotPositive);
+            if (!m_lexer.EndOfLine(c)) return false;
             m_resolution = resolution;
             continue;
         }
-        if (!m_lexer.ReadWord(c, m_word)) return false;
+        if (c == KLexer::kEnd) return m_lexer.FailAtEnd("file ends without ENDWAVE");
+        if (!m_lexer.ReadWord(c, m_word)) return m_lexer.Fail(c, "empty line");
         if (Is(m_word, Format::kTerminatorWord)) return m_lexer.EndOfLineOrFile(c);
         // Signal lines are declarations like those of the newer layouts, with the mode word
         // "SIGNAL" and no "$" before it.
@@ -359,17 +389,15 @@ bool KRawTarvelRead::ParseOldLayout() {
             continue;
         }
         std::int32_t handle = 0;
-        if (!Is(m_word, Format::kOldEvents) || !Format::ReadInteger(m_lexer, c, handle) || !m_lexer.EndOfLine(c) ||
-            !ParseOldEvents(c, handle)) {
-            return false;
-        }
+        if (!Is(m_word, Format::kOldEvents)) return m_lexer.FailAfterToken(c, "unknown line '%s'");
+        if (!Format::ReadInteger(m_lexer, c, handle) || !m_lexer.EndOfLine(c) || !ParseOldEvents(c, handle)) return false;
     }
 }
 
 // Event lines "time [D delta] value" of one signal, up to the next line that starts otherwise.
 bool KRawTarvelRead::ParseOldEvents(int& c, std::int32_t handle) {
     SignalEntry* entry = Find(handle);
-    if (!entry) return false;
+    if (!entry) return m_lexer.FailAt(m_lexer.SavedPosition(), "EVENTS of a signal that is not declared");
     SizeStore(*entry);
     KEventsStore& store = entry->store;
     if (!store.empty()) store.restart();
@@ -380,10 +408,13 @@ bool KRawTarvelRead::ParseOldEvents(int& c, std::int32_t handle) {
         if (!KLexer::IsDigit(c) && c != '-') break;
         int64 time = 0;
         std::int32_t delta = 0;
-        if (!Format::ReadWide(m_lexer, c, time) || time < entry->lastTime || !m_lexer.SkipBlanks(c)) return false;
+        if (!Format::ReadWide(m_lexer, c, time)) return false;
+        if (time < entry->lastTime) return m_lexer.FailAfterToken(c, "time goes back");
+        if (!m_lexer.SkipBlanks(c)) return m_lexer.Fail(c, "value expected");
         if (c == 'D') {
             c = m_lexer.Next();
-            if (!Format::ReadInteger(m_lexer, c, delta) || !m_lexer.SkipBlanks(c)) return false;
+            if (!Format::ReadInteger(m_lexer, c, delta)) return false;
+            if (!m_lexer.SkipBlanks(c)) return m_lexer.Fail(c, "value expected");
         }
         if (!ParseValue(c, *entry, bytes) || !m_lexer.EndOfLine(c)) return false;
         store.push_back(time, delta, bytes);
@@ -391,7 +422,7 @@ bool KRawTarvelRead::ParseOldEvents(int& c, std::int32_t handle) {
     }
     store.push_end(entry->lastTime, 0);
     // The line that ended the events belongs to the caller: read it again from its start.
-    return m_lexer.RestorePosition();
+    return m_lexer.RestorePosition() || m_lexer.FailAt(m_lexer.SavedPosition(), "the file cannot be read again here");
 }
 
 // ---- Lookups ----------------------------------------------------------------------------------
@@ -574,6 +605,14 @@ IRawTarvelRead* CreateRawTarvelRead(const char* fileName) {
         return nullptr;
     }
     return reader;
+}
+
+bool GetSignalPortMode(IRawTarvelRead* reader, int signalNr, int* mode) {
+    const auto* raw = dynamic_cast<const KRawTarvelRead*>(reader);
+    const SignalEntry* entry = raw ? raw->EntryOfSignal(signalNr) : nullptr;
+    if (!entry || !mode) return false;
+    *mode = entry->mode;
+    return true;
 }
 
 void DeleteRawTarvelRead(IRawTarvelRead* reader) {

@@ -97,6 +97,16 @@ public:
     bool Continue() override;
     const KSourcer& GetSourcer() override { return m_sourcer; }
 
+    // For DiagnoseTarvelFile: the fault the failure paths of the last parse recorded, the header's
+    // layout (1, 2 or 4; -1 before a header was recognised), whether the last parse ended at the
+    // terminator (else at a commit mark), and the file position of the line where it ended.
+    const KLexer::Fault& LastFault() const { return m_lexer.LastFault(); }
+    int Version() const { return m_version; }
+    bool EndedAtTerminator() const { return m_endedAtTerminator; }
+    std::int64_t EndOfRead() const { return m_lexer.SavedPosition(); }
+    // For GetSignalPortMode: the entry of the signal `handle`, null when unknown.
+    const SignalEntry* EntryOfSignal(std::int32_t handle) const { return Find(handle); }
+
     // For the iterators.
     std::size_t SignalCount() const { return m_signals.size(); }
     std::int32_t HandleAt(std::size_t index) const { return m_signals[index].number; }
@@ -108,6 +118,11 @@ private:
     // Parsing (raw_reader.cc).
     bool ReadHeader();
     bool ParseLines();
+    // Failure paths that record a fault (format/lexer.h, "Faults") and return false: a line that
+    // failed without one of its own, and the end of the file inside a declaration or a block.
+    bool LineFailed();
+    bool DeclarationFailed();
+    bool BlockFailed();
     bool ParseLine(int c, bool* stop);
     bool ParseKeyword(int& c, bool* stop);
     bool ParseDeclaration(int& c, int mode, bool bus);
@@ -136,6 +151,7 @@ private:
     bool ParseValue(int& c, const SignalEntry& typed, unsigned char* bytes);
     bool ParseSourcePart(int& c, KEventsStore& store, std::uint32_t eventsBefore);
     bool ExpectKeyword(int& c, std::string_view word);
+    bool TooManyEvents();  // records the fault of a store that would outgrow its limit
     void SizeStore(SignalEntry& entry);
 
     // Lookups.
@@ -160,6 +176,7 @@ private:
     bool m_hasEndTime = false;   // some "$ENDTIME" was read
     int64 m_defaultEndTime = 0;  // untimed files: "$ENDTIME" too
     bool m_stoppedAtMark = false;  // the last parse stopped at a commit mark or the terminator
+    bool m_endedAtTerminator = true;  // ... at the terminator (not at a commit mark)
     Vector<SignalEntry> m_signals;               // in declaration order
     HashMap<std::int32_t, std::size_t> m_index;  // handle -> entry index
     struct TypeEntry {

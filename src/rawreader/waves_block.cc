@@ -110,20 +110,27 @@ void KRawTarvelRead::SizeStore(SignalEntry& entry) {
 
 bool KRawTarvelRead::ExpectKeyword(int& c, std::string_view word) {
     c = m_lexer.Next();
-    return m_lexer.ReadWord(c, m_word) && m_word == word && m_lexer.EndOfLine(c);
+    if (!m_lexer.ReadWord(c, m_word)) return m_lexer.Fail(c, "$VALUES expected");
+    if (m_word != word) return m_lexer.FailAfterToken(c, "$VALUES expected, not '%s'");
+    return m_lexer.EndOfLine(c);
 }
+
+bool KRawTarvelRead::TooManyEvents() { return m_lexer.FailAt(m_lexer.Position(), "more events than one signal can hold"); }
+
+bool KRawTarvelRead::BlockFailed() { return m_lexer.RefineEndFault("file ends inside a block"); }
 
 // "$WAVES list": one block for all listed signals. Signals that hold the same events so far
 // share the block's store; others get the block appended to what they have.
 bool KRawTarvelRead::ParseWaves(int& c) {
     // Every listed signal must be declared: a list longer than the signals is damage.
-    if (!Format::ReadIndexList(m_lexer, c, m_list, m_signals.size()) || !m_lexer.EndOfLine(c) || m_list.empty()) return false;
+    if (!Format::ReadIndexList(m_lexer, c, m_list, m_signals.size()) || !m_lexer.EndOfLine(c)) return false;
+    if (m_list.empty()) return m_lexer.FailAt(m_lexer.SavedPosition(), "$WAVES lists no signal");
     // Entry indexes, not pointers: the entries stay where they are while a block is read.
     Vector<std::size_t>& entries = m_blockEntries;
     entries.clear();
     for (std::int32_t handle : m_list) {
         const SignalEntry* entry = Find(handle);
-        if (!entry) return false;
+        if (!entry) return m_lexer.FailAt(m_lexer.SavedPosition(), "$WAVES lists a signal that is not declared");
         entries.push_back(static_cast<std::size_t>(entry - m_signals.data()));
     }
     SignalEntry* first = &m_signals[entries[0]];
@@ -133,7 +140,7 @@ bool KRawTarvelRead::ParseWaves(int& c) {
         shared = shared && entry.store == first->store && entry.lastTime == first->lastTime;
     }
     if (shared) {
-        if (!ParseBlockInto(c, *first, *first)) return false;
+        if (!ParseBlockInto(c, *first, *first)) return BlockFailed();
         for (std::size_t index : entries) {
             m_signals[index].store = first->store;
             m_signals[index].lastTime = first->lastTime;
@@ -143,7 +150,7 @@ bool KRawTarvelRead::ParseWaves(int& c) {
     SignalEntry block;
     block.type = first->type;
     block.typeId = first->typeId;
-    if (!ParseBlockInto(c, block, *first)) return false;
+    if (!ParseBlockInto(c, block, *first)) return BlockFailed();
     for (std::size_t index : entries) {
         SignalEntry& entry = m_signals[index];
         SizeStore(entry);
@@ -151,20 +158,20 @@ bool KRawTarvelRead::ParseWaves(int& c) {
         {
             KBlockSteps steps(&entry.store, entry.lastTime);
             KStepsForwarder forward(steps);
-            if (!block.store.WriteTimeDelta(&forward)) return false;
+            if (!block.store.WriteTimeDelta(&forward)) return TooManyEvents();
             steps.End();
             entry.lastTime = steps.Time();
         }
         if (block.store.GetSize() != 0) {
             KDirectValueStore values(&entry.store);
-            if (!block.store.WriteValue(&values)) return false;
+            if (!block.store.WriteValue(&values)) return TooManyEvents();
         }
         if (block.store.Sources()) {
             KDirectSourceStore sources(&entry.store);
             const std::int64_t missing = static_cast<std::int64_t>(before) - SourceEntries(entry.store);
             const int zero = 0;
-            if (missing > 0 && !sources.pushRepeatedSource(1, missing, &zero)) return false;
-            if (!block.store.WriteSource(&sources)) return false;
+            if (missing > 0 && !sources.pushRepeatedSource(1, missing, &zero)) return TooManyEvents();
+            if (!block.store.WriteSource(&sources)) return TooManyEvents();
         }
     }
     return true;
@@ -244,7 +251,7 @@ bool KRawTarvelRead::ParseTimePart(int& c, KBlockSteps& steps) {
     for (;;) {
         TimeDelta shortPoint;
         if (ReadShortPoint(&shortPoint)) {
-            if (!steps.Step(shortPoint)) return false;
+            if (!steps.Step(shortPoint)) return TooManyEvents();
             continue;
         }
         c = m_lexer.Next();
@@ -254,7 +261,8 @@ bool KRawTarvelRead::ParseTimePart(int& c, KBlockSteps& steps) {
             case Format::kPointTaken:
             case Format::kPointKnown: {
                 TimeDelta point;
-                if (!ParsePoint(c, &point) || !m_lexer.EndOfLine(c) || !steps.Step(point)) return false;
+                if (!ParsePoint(c, &point) || !m_lexer.EndOfLine(c)) return false;
+                if (!steps.Step(point)) return TooManyEvents();
                 break;
             }
             case Format::kRunLead: {
@@ -264,17 +272,18 @@ bool KRawTarvelRead::ParseTimePart(int& c, KBlockSteps& steps) {
                 if (!Format::ReadRunHeader(m_lexer, c, length, count)) return false;
                 TimeDelta pattern[kMaxPatternLength];
                 for (int i = 0; i < length; ++i) {
-                    if (!m_lexer.SkipBlanks(c) || !ParsePoint(c, &pattern[i])) return false;
+                    if (!m_lexer.SkipBlanks(c)) return m_lexer.Fail(c, "time point expected");
+                    if (!ParsePoint(c, &pattern[i])) return false;
                 }
                 if (!m_lexer.EndOfLine(c)) return false;
-                if (!steps.Repeat(static_cast<unsigned>(length), static_cast<std::uint64_t>(count), pattern)) return false;
+                if (!steps.Repeat(static_cast<unsigned>(length), static_cast<std::uint64_t>(count), pattern)) return TooManyEvents();
                 break;
             }
             case Format::kCommentLead:
                 if (!SkipLine(c)) return false;
                 break;
             case Format::kKeywordLead: return ExpectKeyword(c, Format::kValues);
-            default: return false;
+            default: return m_lexer.Fail(c, "time point expected, not '%s'");
         }
     }
 }
@@ -285,26 +294,28 @@ bool KRawTarvelRead::ParsePoint(int& c, TimeDelta* point) {
         const bool taken = c == Format::kPointTaken;
         c = m_lexer.Next();
         // Slot numbers are small: a plain digit loop (no sign, no blanks) with a length limit.
-        if (!KLexer::IsDigit(c)) return false;
+        if (!KLexer::IsDigit(c)) return m_lexer.Fail(c, "time-point slot number expected");
         std::int32_t slot = 0;
         do {
             slot = slot * 10 + (c - '0');
-            if (slot >= kMaxPointSlots) return false;
+            if (slot >= kMaxPointSlots) return m_lexer.Fail(c, "time-point slot number too large");
             c = m_lexer.Next();
         } while (KLexer::IsDigit(c));
         if (!taken) {
-            if (static_cast<std::size_t>(slot) >= m_points.size()) return false;
+            if (static_cast<std::size_t>(slot) >= m_points.size()) return m_lexer.FailAfterToken(c, "time-point slot '%s' is not defined");
             *point = m_points[static_cast<std::size_t>(slot)];
             return true;
         }
-        if (!m_lexer.SkipBlanks(c) || (c != Format::kPointDeltaZero && c != Format::kPointWithDelta)) return false;
+        if (!m_lexer.SkipBlanks(c) || (c != Format::kPointDeltaZero && c != Format::kPointWithDelta)) {
+            return m_lexer.Fail(c, "time point expected after the slot");
+        }
         if (!ParsePoint(c, point)) return false;
         if (static_cast<std::size_t>(slot) >= m_points.size()) m_points.resize(static_cast<std::size_t>(slot) + 1);
         m_points[static_cast<std::size_t>(slot)] = *point;
         return true;
     }
     const bool withDelta = c == Format::kPointWithDelta;
-    if (!withDelta && c != Format::kPointDeltaZero) return false;
+    if (!withDelta && c != Format::kPointDeltaZero) return m_lexer.Fail(c, "time point expected, not '%s'");
     c = m_lexer.Next();
     int64 step = 0;
     std::int32_t delta = 0;
@@ -321,8 +332,9 @@ bool KRawTarvelRead::ParseValuePart(int& c, KEventsStore& store, const SignalEnt
         c = m_lexer.Next();
         if (c == Format::kKeywordLead) {
             c = m_lexer.Next();
-            if (!m_lexer.ReadWord(c, m_word) || !m_lexer.EndOfLine(c)) return false;
-            return m_word == Format::kSources || m_word == Format::kEnd;
+            if (!m_lexer.ReadWord(c, m_word)) return m_lexer.Fail(c, "$SOURCES or $END expected");
+            if (m_word != Format::kSources && m_word != Format::kEnd) return m_lexer.FailAfterToken(c, "$SOURCES or $END expected, not '%s'");
+            return m_lexer.EndOfLine(c);
         }
         if (c == Format::kCommentLead) {
             if (!SkipLine(c)) return false;
@@ -343,10 +355,12 @@ bool KRawTarvelRead::ParseValuePart(int& c, KEventsStore& store, const SignalEnt
                 if (!Format::ReadRunHeader(m_lexer, c, length, count)) return false;
                 const unsigned char* pointers[kMaxPatternLength];
                 for (int i = 0; i < length; ++i) {
-                    if (!m_lexer.SkipBlanks(c) || !ParseValue(c, typed, bytes[i])) return false;
+                    if (!m_lexer.SkipBlanks(c)) return m_lexer.Fail(c, "value expected");
+                    if (!ParseValue(c, typed, bytes[i])) return false;
                     pointers[i] = bytes[i];
                 }
-                if (!m_lexer.EndOfLine(c) || !values.pushRepeatedValue(length, count, pointers)) return false;
+                if (!m_lexer.EndOfLine(c)) return false;
+                if (!values.pushRepeatedValue(length, count, pointers)) return TooManyEvents();
                 continue;
             }
             // A value whose text starts with the letter of a record (an identifier literal).
@@ -355,7 +369,9 @@ bool KRawTarvelRead::ParseValuePart(int& c, KEventsStore& store, const SignalEnt
                 m_text.push_back(static_cast<char>(c));
                 c = m_lexer.Next();
             }
-            if (typed.type.Kind() != kTypeEnumeration || !typed.type.TextToValue(m_text.c_str(), bytes[0], 8)) return false;
+            if (typed.type.Kind() != kTypeEnumeration || !typed.type.TextToValue(m_text.c_str(), bytes[0], 8)) {
+                return m_lexer.FailAfterToken(c, Format::kNotALiteral);
+            }
         } else if (!ParseValue(c, typed, bytes[0])) {
             return false;
         }
@@ -374,12 +390,14 @@ bool KRawTarvelRead::ParseSourcePart(int& c, KEventsStore& store, std::uint32_t 
     KDirectSourceStore sources(&store);
     const std::int64_t missing = static_cast<std::int64_t>(eventsBefore) - SourceEntries(store);
     const int zero = 0;
-    if (missing > 0 && !sources.pushRepeatedSource(1, missing, &zero)) return false;
+    if (missing > 0 && !sources.pushRepeatedSource(1, missing, &zero)) return TooManyEvents();
     for (;;) {
         c = m_lexer.Next();
         if (c == Format::kKeywordLead) {
             c = m_lexer.Next();
-            return m_lexer.ReadWord(c, m_word) && m_word == Format::kEnd && m_lexer.EndOfLine(c);
+            if (!m_lexer.ReadWord(c, m_word)) return m_lexer.Fail(c, "$END expected");
+            if (m_word != Format::kEnd) return m_lexer.FailAfterToken(c, "$END expected, not '%s'");
+            return m_lexer.EndOfLine(c);
         }
         if (c == Format::kCommentLead) {
             if (!SkipLine(c)) return false;
@@ -400,7 +418,8 @@ bool KRawTarvelRead::ParseSourcePart(int& c, KEventsStore& store, std::uint32_t 
             for (int i = 0; i < length; ++i) {
                 if (!Format::ReadInteger(m_lexer, c, pattern[i])) return false;
             }
-            if (!m_lexer.EndOfLine(c) || !sources.pushRepeatedSource(length, count, pattern)) return false;
+            if (!m_lexer.EndOfLine(c)) return false;
+            if (!sources.pushRepeatedSource(length, count, pattern)) return TooManyEvents();
             continue;
         }
         std::int32_t source = 0;

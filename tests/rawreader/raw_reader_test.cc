@@ -19,6 +19,8 @@
 #include "foundation/platform.h"
 #include "format/lexer_test_support.h"
 #include "rawreader/raw_reader_dump.h"
+#include "tarvel/diagnostics.h"
+#include "tarvel/port_mode.h"
 #include "tarvel/raw_reader.h"
 #include "tarvel/writer.h"
 #include "typeinfo/type_service.h"
@@ -422,6 +424,10 @@ TEST(RawReader, RandomDesignsReadBackAsWritten) {
             Reader reader = Open(path);
             ASSERT_NE(reader, nullptr);
             ASSERT_EQ(expected, Dump(*reader));
+            TarvelDiagnosis d;
+            if (seed % 10 == 0) {
+                EXPECT_TRUE(DiagnoseTarvelFile(path.c_str(), &d)) << d.reason;
+            }
         } catch (const std::exception& e) {
             FAIL() << e.what();
         }
@@ -580,6 +586,30 @@ TEST(RawReader, EndTimesShortTailsAndRepeatedTypeIds) {
     EXPECT_NE(Dump(*twice.reader).find("events size=8: 0/0=-0.5\n"), std::string::npos) << Dump(*twice.reader);
 }
 
+// GetSignalPortMode answers each declaration's mode word; elements have none of their own.
+TEST(RawReader, PortModesOfDeclarations) {
+    const auto modes = [](const std::string& bytes, std::initializer_list<int> handles) {
+        FileOf file(bytes);
+        std::string answer;
+        for (int handle : handles) {
+            int mode = 99;
+            answer += (GetSignalPortMode(file.reader.get(), handle, &mode) ? std::to_string(mode) : "-") + " ";
+        }
+        return answer;
+    };
+    EXPECT_EQ(modes("$WAVE4\r\n" + std::string(kStd) + "I 2 \"a#3#slv[1d0]e#9#std_logicc9 UX01ZWLH-\"\r\n"
+                    "$INOUT 1 1 a\r\n$BUFFER 2 1 b\r\n$BUS VBUS 3 0 0 v\r\n$VARIABLE 4 1 w\r\n$NOMODE 5 0 s\r\n"
+                    "$BUS OUT 6 2 2 bus\r\nS 7 0\r\nS 8 1\r\n$SC 7 8\r\n$ENDWAVE\r\n",
+                    {1, 2, 3, 4, 5, 6, 7, 9}),
+              "3 4 -1 7 0 2 0 - ");
+    // Version 2: a mode word after the parent; version 1: every signal is a SIGNAL.
+    EXPECT_EQ(modes("$WAVE2\r\n$NOMODE 1 a 0 -1 LINKAGE\r\n$NOMODE 2 b 0 -1 nothing\r\n$ENDWAVE\r\n", {1, 2}), "5 0 ");
+    EXPECT_EQ(modes("$WAVE\r\nSIGNAL 1 a\r\nENDWAVE\r\n", {1}), "6 ");
+    int mode = 99;
+    EXPECT_FALSE(GetSignalPortMode(nullptr, 1, &mode));
+    EXPECT_EQ(mode, 99);
+}
+
 // The largest single request made of the heap while the hooks are installed.
 std::size_t g_largestRequest = 0;
 void* RecordingAllocate(std::size_t size) {
@@ -631,7 +661,8 @@ TEST(RawReader, WrappedNumbersInDamagedFilesStayBounded) {
     }
 }
 
-// Every prefix of a small written file: refused until its terminator is whole, never a crash.
+// Every prefix of a small written file: refused until its terminator is whole, never a crash;
+// the diagnosis of a refused prefix names its end, with the reason that the file ends early.
 TEST(RawReader, TruncatedFilesAreRefusedWithoutFaults) {
     ScratchFolder folder;
     const std::string path = folder.File("whole.twf");
@@ -644,6 +675,12 @@ TEST(RawReader, TruncatedFilesAreRefusedWithoutFaults) {
     for (std::size_t n = 0; n <= whole.size(); ++n) {
         FileOf cut(whole.substr(0, n));
         ASSERT_EQ(cut.reader != nullptr, n >= complete) << "prefix of " << n << " bytes";
+        TarvelDiagnosis d;
+        ASSERT_EQ(DiagnoseTarvelFile(cut.folder.File("f.twf").c_str(), &d), n >= complete);
+        if (n < complete) {
+            EXPECT_EQ(d.offset, static_cast<int64>(n)) << "prefix of " << n << " bytes: " << d.reason;
+            EXPECT_EQ(std::string(d.reason).rfind(n == 0 ? "the file is empty" : "file ends", 0), 0u) << n << ": " << d.reason;
+        }
         int faults = 0;
         if (cut.reader) Dump(*cut.reader, ~0u, &faults);
         EXPECT_EQ(faults, 0) << "prefix of " << n << " bytes";

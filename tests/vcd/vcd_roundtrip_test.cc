@@ -86,7 +86,7 @@ TEST(VcdRoundTrip, TheComparisonSeesEveryKindOfDifference) {
 TEST(VcdRoundTrip, GtkwaveReadsTheExportsOfTheFixturesAndTheDemo) {
     if (!Have("vcd2fst") || !Have("fst2vcd")) GTEST_SKIP() << "GTKWave's vcd2fst is not installed (scripts/install-deps.sh vcd)";
     Folder folder;
-    const Ran demo = RunShell(std::string(TARVEL_DEMO) + " 2000 " + folder.File("demo.twf"));
+    const Ran demo = RunShell(std::string(TARVEL_CLI) + " demo --cycles 2000 --lines 0 -o " + folder.File("demo.twf"));
     ASSERT_EQ(demo.status, 0) << demo.output;
     ImportFile(Fixture("counter.iverilog.vcd"), folder.File("iverilog.twf"));
     ImportFile(Fixture("counter.ghdl.vcd"), folder.File("ghdl.twf"));

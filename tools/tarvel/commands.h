@@ -6,6 +6,9 @@
 
 #include <CLI/CLI.hpp>
 
+#include <string>
+#include <vector>
+
 namespace TarvelTool {
 
 // Exit codes of every subcommand.
@@ -25,6 +28,17 @@ void AddCheckCommand(CLI::App& app);
 void AddFollowCommand(CLI::App& app);
 void AddDemoCommand(CLI::App& app);
 void AddVcdCommands(CLI::App& app);  // import-vcd and export-vcd
+
+// The work of info and dump, which demo shows too. Each prints its output on stdout and its
+// errors on stderr, and returns the exit code.
+int ShowInfo(const std::string& path);
+struct DumpRequest {
+    std::string path;
+    std::string from, to;              // times as the command line gives them; "" for no bound
+    std::vector<std::string> signals;  // full names; empty for every signal
+    long long limit = -1;              // most events shown; -1 for all
+};
+int ShowEvents(const DumpRequest& request);
 
 }  // namespace TarvelTool
 

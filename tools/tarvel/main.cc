@@ -1,6 +1,7 @@
 // The `tarvel` command-line tool: reads, checks, follows, imports and exports waveform files.
 // Tool layer; uses the library's public interface only.
 #include <cstdio>
+#include <new>
 
 #include "commands.h"
 
@@ -30,6 +31,9 @@ int main(int argc, char** argv) {
         // --help and --version are "errors" with exit code 0; every other one is bad usage.
         const int printed = app.exit(e);
         return printed == 0 ? TarvelTool::kExitOk : TarvelTool::kExitBadUsage;
+    } catch (const std::bad_alloc&) {
+        std::fprintf(stderr, "tarvel: out of memory\n");
+        return TarvelTool::kExitBadFile;
     }
     return TarvelTool::ExitCode();
 }

@@ -12,8 +12,9 @@ namespace TarvelTool {
 class Progress {
 public:
     // `what` names the work ("import", "export"); `total` is the amount to reach (bytes of the
-    // input, say), 0 when unknown (then only the amount done is shown).
-    Progress(std::string what, std::uint64_t total);
+    // input, say), 0 when unknown (then only the amount done is shown). Amounts are shown in
+    // millions, followed by `unit` ("MB" for bytes, "M events").
+    Progress(std::string what, std::uint64_t total, const char* unit = "MB");
     // Clears the bar.
     ~Progress();
     Progress(const Progress&) = delete;
@@ -32,6 +33,7 @@ private:
 
     std::string m_what;
     std::uint64_t m_total;
+    const char* m_unit;    // after the amount in millions
     bool m_active;         // stderr is a terminal
     bool m_drawn = false;  // a bar is on the screen
     unsigned m_calls = 0;

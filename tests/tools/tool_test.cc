@@ -1,0 +1,391 @@
+// The `tarvel` tool as its users run it: each subcommand on files the writer makes and on
+// hand-broken files, its output (golden files for info, tree and dump: TARVEL_REGENERATE_GOLDEN=1
+// rewrites them), its exit codes and its one-line errors; follow against a writer writing at
+// the same time. Tests of the tool; the tool runs as a child process.
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <tarvel/tarvel.h>
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+using Tarvel::int64;
+
+std::string Read(const fs::path& path) {
+    std::ostringstream out;
+    if (fs::exists(path)) out << std::ifstream(path, std::ios::binary).rdbuf();
+    return out.str();
+}
+void Write(const fs::path& path, const std::string& bytes) { std::ofstream(path, std::ios::binary) << bytes; }
+
+// A scratch folder that the tool runs in, so that outputs name files by their short names.
+class ToolTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        m_dir = fs::temp_directory_path() / ("tarvel_tool_test." + std::to_string(getpid()));
+        fs::create_directories(m_dir);
+    }
+    void TearDown() override { fs::remove_all(m_dir); }
+
+    struct Run {
+        int code;
+        std::string out, err;
+    };
+    // Runs `tarvel ARGS` in the folder.
+    Run Tool(const std::string& args) const {
+        const std::string command = "cd '" + m_dir.string() + "' && '" TARVEL_TOOL "' " + args + " >out.txt 2>err.txt";
+        const int status = std::system(command.c_str());
+        return Run{WIFEXITED(status) ? WEXITSTATUS(status) : -1, Read(m_dir / "out.txt"), Read(m_dir / "err.txt")};
+    }
+    fs::path File(const std::string& name) const { return m_dir / name; }
+
+    // Compares `text` with tests/tools/expected/NAME.
+    static void Golden(const std::string& name, const std::string& text) {
+        const fs::path path = fs::path(TARVEL_TOOL_TESTS) / "expected" / name;
+        if (const char* again = std::getenv("TARVEL_REGENERATE_GOLDEN"); again && std::string(again) == "1") {
+            Write(path, text);
+            return;
+        }
+        EXPECT_EQ(Read(path), text) << "golden file " << path << " (TARVEL_REGENERATE_GOLDEN=1 rewrites it)";
+    }
+
+    fs::path m_dir;
+};
+
+// ---- Files the writer makes ------------------------------------------------------------------
+
+#define W(call) ASSERT_TRUE(call) << #call
+
+class Sources final : public Tarvel::ISourceCallback {
+public:
+    bool GetSourceLocation(int source, const char** fileName, int* line) const override {
+        *fileName = source == 1 ? "tb.vhd" : "dut.vhd";
+        *line = 10 * source;
+        return source >= 1 && source <= 3;
+    }
+};
+
+enum Handle : int { kTb = 1, kClk, kDut, kData = 10, kCount = 20, kLevel, kState, kFlag, kDelay, kBig, kPkt = 30, kAddr, kValid, kWatch = 40 };
+
+void Put(Tarvel::ITarvelWrite& w, int handle, std::uint64_t value, int source = 0) {
+    unsigned char bytes[8];
+    for (int i = 0; i < 8; ++i) bytes[i] = static_cast<unsigned char>(value >> (8 * i));
+    ASSERT_TRUE(w.StoreValueWithSource(handle, bytes, source)) << handle;
+}
+
+// A design with a value of every kind: scopes, a std_logic_vector bus and its elements, an
+// integer, a real, a state machine, character literals, a time, a 64-bit integer, a record, a
+// virtual bus; properties, sources, delta cycles, a std_logic code the writer writes as '?'.
+void WriteDesign(const fs::path& path, int cycles, bool commitAtEnd = true) {
+    Sources sources;
+    Tarvel::ITarvelWrite* w = Tarvel::CreateStreamWriteTimed(path.c_str(), &sources);
+    ASSERT_NE(w, nullptr);
+    const char* logic = "e#9#std_logicc9 UX01ZWLH-";
+    W(w->SetResolution(1000) && w->StoreProperty(0, -1, "Project", "tool test") && w->StoreProperty(0, -1, "TopLevel", "tb"));
+    W(w->StoreSignal(kTb, Tarvel::kPortNone, -1, 0, "tb", 0));
+    W(w->SetTypeInfo(kClk, logic) && w->StoreSignal(kClk, Tarvel::kPortIn, kTb, 0, "clk", 0));
+    W(w->StoreSignal(kDut, Tarvel::kPortNone, kTb, 1, "dut", 0));
+    W(w->SetTypeInfo(kData, "a#16#std_logic_vector[3d0]e#9#std_logicc9 UX01ZWLH-") && w->StoreBus(kData, Tarvel::kPortOut, 0, kDut, 0, "data", 0));
+    for (int p = 0; p < 4; ++p) W(w->SetTypeInfo(kData + 1 + p, logic) && w->StoreSignal(kData + 1 + p, Tarvel::kPortOut, kData, p, "data", 0));
+    W(w->SetTypeInfo(kCount, "i#7#integer") && w->StoreSignal(kCount, Tarvel::kPortBuffer, kDut, 1, "count", 0));
+    W(w->SetTypeInfo(kLevel, "f#4#real") && w->StoreSignal(kLevel, Tarvel::kPortSignal, kDut, 2, "level", 0));
+    W(w->SetTypeInfo(kState, "e#5#staten3#4#IDLE#4#LOAD#3#RUN") && w->StoreSignal(kState, Tarvel::kPortSignal, kDut, 3, "state", 0));
+    W(w->SetTypeInfo(kFlag, "e#4#charc2 ab") && w->StoreSignal(kFlag, Tarvel::kPortInOut, kDut, 4, "flag", 0));
+    W(w->SetTypeInfo(kDelay, "p#4#time#2#fs") && w->StoreSignal(kDelay, Tarvel::kPortVariable, kDut, 5, "delay", 0));
+    W(w->SetTypeInfo(kBig, "l#6#bigint") && w->StoreSignal(kBig, Tarvel::kPortLinkage, kDut, 6, "big", 0));
+    W(w->SetTypeInfo(kPkt, "r#6#packet2#4#addri#7#integer#5#valide#7#booleann2#5#FALSE#4#TRUE") &&
+      w->StoreBus(kPkt, Tarvel::kPortOut, 0, kDut, 7, "pkt", 0));
+    W(w->SetTypeInfo(kAddr, "i#7#integer") && w->StoreSignal(kAddr, Tarvel::kPortOut, kPkt, 0, "addr", 0));
+    W(w->SetTypeInfo(kValid, "e#7#booleann2#5#FALSE#4#TRUE") && w->StoreSignal(kValid, Tarvel::kPortOut, kPkt, 1, "valid", 0));
+    W(w->StoreBus(kWatch, Tarvel::kPortVirtualBus, 1, -1, 0, "watch", 0) && w->StoreProperty(0, kState, "VBus", "1"));
+    W(w->StoreProperty(0, kCount, "Comment", "edges of clk") && w->StoreProperty(0, kLevel, "Hidden", "1"));
+    for (int c = 0; c < cycles; ++c) {
+        W(w->SetTime(int64{c} * 10000));
+        Put(*w, kClk, 3, 1);
+        W(w->SetDelta(1));
+        Put(*w, kCount, static_cast<std::uint64_t>(c), 2);
+        for (int bit = 0; bit < 4; ++bit) {
+            if (c == 0 || ((c ^ (c - 1)) >> bit & 1)) Put(*w, kData + 4 - bit, (c >> bit & 1) ? 3 : 2, 2);
+        }
+        double level = c * 0.25;
+        std::uint64_t bits;
+        std::memcpy(&bits, &level, sizeof bits);
+        Put(*w, kLevel, bits);
+        Put(*w, kState, static_cast<std::uint64_t>(c % 3), 3);
+        Put(*w, kFlag, static_cast<std::uint64_t>(c % 2));
+        Put(*w, kDelay, static_cast<std::uint64_t>(c) * 1500);
+        Put(*w, kBig, (std::uint64_t{1} << 40) + static_cast<std::uint64_t>(c));
+        Put(*w, kAddr, static_cast<std::uint64_t>(c) * 4);
+        Put(*w, kValid, static_cast<std::uint64_t>(c % 2));
+        W(w->SetTime(int64{c} * 10000 + 5000));
+        Put(*w, kClk, c == 3 ? 9 : 2, 1);  // 9 is no std_logic value: written '?'
+        if (c % 4 == 3) {
+            W(w->Commit() && w->Resume());
+        }
+    }
+    if (commitAtEnd) {
+        W(w->SetTime(int64{cycles} * 10000) && w->Commit());
+    }
+    W(w->Release());
+}
+
+// A file whose writer resumed after its last commit and wrote on: it ends at a commit mark.
+void WriteGrowing(const fs::path& path) {
+    Tarvel::ITarvelWrite* w = Tarvel::CreateStreamWriteTimed(path.c_str());
+    ASSERT_NE(w, nullptr);
+    W(w->SetTypeInfo(1, "i#7#integer") && w->StoreSignal(1, Tarvel::kPortOut, -1, 0, "n", 0));
+    for (int round = 0; round < 3; ++round) {
+        W(w->SetTime(round * 100));
+        Put(*w, 1, static_cast<std::uint64_t>(round));
+        W(w->Commit() && w->Resume());
+    }
+    W(w->SetTime(1000));
+    Put(*w, 1, 99);
+    W(w->Flush() && w->Release());
+}
+
+// ---- info, tree, dump --------------------------------------------------------------------------
+
+TEST_F(ToolTest, InfoTreeAndDumpOfAWriterMadeDesign) {
+    WriteDesign(File("design.twf"), 8);
+    for (const char* command : {"info", "tree", "tree --full-names", "dump"}) {
+        const Run run = Tool(std::string(command) + " design.twf");
+        EXPECT_EQ(run.code, 0) << command << run.err;
+        EXPECT_EQ(run.err, "") << command;
+        std::string name = command;
+        name.erase(std::remove(name.begin(), name.end(), '-'), name.end());
+        std::replace(name.begin(), name.end(), ' ', '_');
+        Golden(name + ".txt", run.out);
+    }
+}
+
+TEST_F(ToolTest, DumpChoosesSignalsAndTimes) {
+    WriteDesign(File("design.twf"), 8);
+    const auto lines = [](const std::string& text) { return std::count(text.begin(), text.end(), '\n'); };
+    // A scope, a bus and an element by full name; times in file units or with a unit, both ends included.
+    Run run = Tool("dump design.twf --signal tb.dut.pkt --signal 'tb.dut.data(0)' --from 20ns --to 30000");
+    EXPECT_EQ(run.code, 0) << run.err;
+    EXPECT_EQ(run.out,
+              "20000ps+1 tb.dut.data(0)   0  @dut.vhd:20\n"
+              "20000ps+1 tb.dut.pkt.addr  8\n"
+              "20000ps+1 tb.dut.pkt.valid FALSE\n"
+              "30000ps+1 tb.dut.data(0)   1  @dut.vhd:20\n"
+              "30000ps+1 tb.dut.pkt.addr  12\n"
+              "30000ps+1 tb.dut.pkt.valid TRUE\n");
+    EXPECT_EQ(lines(Tool("dump design.twf -s tb.dut -n 5").out), 5);
+    EXPECT_EQ(lines(Tool("dump design.twf --from 2.5ns --to 5ns").out), 1);  // the falling clock at 5 ns
+    EXPECT_EQ(Tool("dump design.twf -s watch").out, Tool("dump design.twf -s watch.state").out);
+    // Bad usage: exit 2 and one line.
+    run = Tool("dump design.twf -s tb.nothing");
+    EXPECT_EQ(run.code, 2);
+    EXPECT_EQ(run.err, "tarvel dump: no signal tb.nothing in design.twf (tarvel tree --full-names design.twf lists them)\n");
+    run = Tool("dump design.twf --from 10parsecs");
+    EXPECT_EQ(run.code, 2);
+    EXPECT_EQ(run.err, "tarvel dump: --from 10parsecs: no time (a number of file units, or with a unit: 10ns, 2.5us)\n");
+    EXPECT_EQ(Tool("dump design.twf --limit -1").code, 2);
+    EXPECT_EQ(Tool("dump").code, 2);
+    EXPECT_EQ(Tool("nonsense").code, 2);
+}
+
+TEST_F(ToolTest, EverySubcommandHasHelpAndTheToolAVersion) {
+    for (const char* command : {"info", "tree", "dump", "check", "follow", "demo"}) {
+        const Run run = Tool(std::string(command) + " --help");
+        EXPECT_EQ(run.code, 0) << command;
+        EXPECT_NE(run.out.find("Usage: tarvel " + std::string(command)), std::string::npos) << command << run.out;
+    }
+    EXPECT_EQ(Tool("--version").out, std::string(TARVEL_VERSION) + "\n");
+}
+
+// ---- check and the errors of every reading subcommand -------------------------------------------
+
+// The place of byte `offset` of `bytes` as "LINE:COLUMN".
+std::string PlaceOf(const std::string& bytes, std::size_t offset) {
+    const std::string before = bytes.substr(0, offset);
+    const std::size_t lineStart = before.rfind('\n') == std::string::npos ? 0 : before.rfind('\n') + 1;
+    return std::to_string(std::count(before.begin(), before.end(), '\n') + 1) + ":" + std::to_string(offset - lineStart + 1);
+}
+
+TEST_F(ToolTest, CheckNamesTheLineAndColumnOfEachFault) {
+    WriteDesign(File("design.twf"), 8);
+    const std::string design = Read(File("design.twf"));
+    const std::size_t block = design.find("$WAVES");
+    const std::size_t name = design.find("level");
+    const std::string head = "$WAVE4TIMED\r\nI 1 \"e#9#std_logicc9 UX01ZWLH-\"\r\n$IN 1 1 clk\r\n";
+    const struct {
+        const char* file;
+        std::string bytes;
+        std::string expected;
+    } broken[] = {
+        {"keyword.twf", head + "$WAVEZ 1\r\n$ENDWAVE\r\n", "keyword.twf:4:1: unknown keyword '$WAVEZ'"},
+        {"block.twf", design.substr(0, block + 40), "block.twf:" + PlaceOf(design, block + 40) + ": file ends inside a block"},
+        {"number.twf", head + "$WAVES 1\r\nR 1 x T 5\r\n", "number.twf:5:5: number expected"},
+        {"resolution.twf", head + "$RESOLUTION 0\r\n$ENDWAVE\r\n", "resolution.twf:4:13: resolution must be above 0"},
+        {"name.twf", design.substr(0, name + 3), "name.twf:" + PlaceOf(design, name + 3) + ": file ends inside a declaration"},
+        {"quoted.twf", head + "$OUT 2 1 \"a b", "quoted.twf:4:14: file ends inside a quoted string"},
+        {"empty.twf", "", "empty.twf:1:1: the file is empty"},
+    };
+    for (const auto& test : broken) {
+        Write(File(test.file), test.bytes);
+        const Run run = Tool(std::string("check ") + test.file);
+        EXPECT_EQ(run.code, 1) << test.file;
+        EXPECT_EQ(run.err, test.expected + "\n");
+        EXPECT_EQ(run.out, "");
+        // Every reading subcommand says the same, after its name, and exits 1.
+        for (const char* command : {"info", "tree", "dump", "follow"}) {
+            const Run read = Tool(std::string(command) + " " + test.file);
+            EXPECT_EQ(read.code, 1) << command << " " << test.file;
+            EXPECT_EQ(read.err, "tarvel " + std::string(command) + ": " + test.expected + "\n");
+        }
+    }
+    const Run missing = Tool("check missing.twf design.twf");
+    EXPECT_EQ(missing.code, 1);
+    EXPECT_EQ(missing.err, "missing.twf: cannot open the file\n");
+    EXPECT_EQ(missing.out, "design.twf: readable; complete, ends with its terminator at line " +
+                               std::to_string(std::count(design.begin(), design.end(), '\n')) + "\n");
+}
+
+TEST_F(ToolTest, CheckAcceptsEveryFileTheWriterMakes) {
+    WriteDesign(File("design.twf"), 8);
+    WriteDesign(File("long.twf"), 300);
+    WriteGrowing(File("growing.twf"));
+    std::string files = "design.twf long.twf growing.twf";
+    for (const auto& seed : fs::directory_iterator(fs::path(TARVEL_SOURCE_DIR) / "fuzz/corpus/raw_reader")) {
+        if (seed.path().filename().string().rfind("design", 0) == 0) files += " " + seed.path().string();  // writer-made seeds
+    }
+    const Run run = Tool("check -q " + files);
+    EXPECT_EQ(run.code, 0) << run.err;
+    EXPECT_EQ(run.out + run.err, "");
+    EXPECT_EQ(Tool("check growing.twf").out, "growing.twf: readable; reads up to the commit mark at line 24\n");
+    EXPECT_NE(Tool("info growing.twf").out.find("state       ends at a commit mark (line 24)"), std::string::npos);
+    // A file never committed has no terminator.
+    WriteDesign(File("never.twf"), 2, false);
+    EXPECT_EQ(Tool("check never.twf").code, 1);
+}
+
+// ---- follow --------------------------------------------------------------------------------------
+
+// Starts `tarvel ARGS...` with its output in files of the folder; returns its process id.
+pid_t Start(const fs::path& dir, std::vector<std::string> args) {
+    args.insert(args.begin(), TARVEL_TOOL);
+    std::vector<char*> argv;
+    for (std::string& arg : args) argv.push_back(arg.data());
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t files;
+    posix_spawn_file_actions_init(&files);
+    posix_spawn_file_actions_addopen(&files, 1, (dir / "follow.out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_addopen(&files, 2, (dir / "follow.err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    pid_t pid = -1;
+    posix_spawn(&pid, TARVEL_TOOL, &files, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&files);
+    return pid;
+}
+
+// The exit code of `pid`; -1 when it ends otherwise or is still running after 20 s (then killed).
+int ExitOf(pid_t pid) {
+    int status = 0;
+    for (int waited = 0; waitpid(pid, &status, WNOHANG) == 0; waited += 10) {
+        if (waited > 20000) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            return -1;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+void Sleep(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
+
+// Whether this file system lets follow see that a writer closed its file (Linux file leases).
+bool LeasesWork(const fs::path& path) {
+    Write(path, "");
+    const int fd = open(path.c_str(), O_RDONLY);
+    const bool works = fcntl(fd, F_SETLEASE, F_RDLCK) == 0;
+    close(fd);
+    return works;
+}
+
+TEST_F(ToolTest, FollowPrintsEachCommitOnceAndEndsWhenTheWriterCloses) {
+    if (!LeasesWork(File("lease"))) GTEST_SKIP() << "no file leases here: follow runs until interrupted";
+    const fs::path path = File("live.twf");
+    Tarvel::ITarvelWrite* w = Tarvel::CreateStreamWriteTimed(path.c_str());
+    ASSERT_NE(w, nullptr);
+    W(w->SetTypeInfo(1, "i#7#integer") && w->StoreSignal(1, Tarvel::kPortOut, -1, 0, "n", 0));
+    W(w->SetTime(0) && w->Flush());
+    const pid_t follow = Start(m_dir, {"follow", path.string(), "--interval", "20"});
+    Sleep(150);  // it waits for the first commit while the writer holds the file
+    for (int round = 0; round < 4; ++round) {
+        for (int i = 0; i < 3; ++i) {
+            W(w->SetTime(round * 1000 + i * 10));
+            Put(*w, 1, static_cast<std::uint64_t>(round * 10 + i));
+        }
+        W(w->Commit() && w->Resume());
+        if (round == 1) {  // a signal declared later
+            W(w->SetTypeInfo(2, "i#7#integer") && w->StoreSignal(2, Tarvel::kPortOut, -1, 0, "m", 0));
+            Put(*w, 2, 7);
+        }
+        Sleep(round % 2 ? 100 : 0);  // some commits come together
+    }
+    W(w->SetTime(5000) && w->Commit() && w->Release());
+    ASSERT_EQ(ExitOf(follow), 0) << Read(m_dir / "follow.err") << Read(m_dir / "follow.out");
+    const auto squeeze = [](std::string text) {
+        text.erase(std::unique(text.begin(), text.end(), [](char a, char b) { return a == ' ' && b == ' '; }), text.end());
+        return text;
+    };
+    EXPECT_EQ(squeeze(Read(m_dir / "follow.out")), squeeze(Tool("dump live.twf").out));
+    EXPECT_EQ(Read(m_dir / "follow.err"), "tarvel follow: waiting for the first commit of " + path.string() +
+                                              "\ntarvel follow: " + path.string() + ": complete, closed by its writer\n");
+}
+
+TEST_F(ToolTest, FollowStopsOnInterruptAndRefusesWhatDoesNotRead) {
+    const fs::path path = File("held.twf");
+    Tarvel::ITarvelWrite* w = Tarvel::CreateStreamWriteTimed(path.c_str());
+    ASSERT_NE(w, nullptr);
+    W(w->SetTypeInfo(1, "i#7#integer") && w->StoreSignal(1, Tarvel::kPortOut, -1, 0, "n", 0) && w->Commit());
+    const pid_t follow = Start(m_dir, {"follow", path.string(), "-s", "n"});
+    Sleep(300);
+    kill(follow, SIGINT);
+    EXPECT_EQ(ExitOf(follow), 0);
+    W(w->Release());
+    Write(File("junk.twf"), "$WAVE4\r\n$JUNK\r\n");
+    const Run junk = Tool("follow junk.twf");
+    EXPECT_EQ(junk.code, 1);
+    EXPECT_EQ(junk.err, "tarvel follow: junk.twf:2:1: unknown keyword '$JUNK'\n");
+    EXPECT_EQ(Tool("follow held.twf -s nothing").code, 2);
+}
+
+// ---- demo --------------------------------------------------------------------------------------------
+
+TEST_F(ToolTest, DemoWritesItsFileAndShowsInfoAndTheFirstEvents) {
+    const Run run = Tool("demo --cycles 2000 -o demo.twf --lines 7");
+    ASSERT_EQ(run.code, 0) << run.err;
+    EXPECT_EQ(run.out.rfind("tarvel demo: 2000 clock cycles of a counter design\nwrote demo.twf: ", 0), 0u) << run.out;
+    const std::string infoMark = "\n$ tarvel info demo.twf\n", dumpMark = "\n$ tarvel dump demo.twf --limit 7\n";
+    const std::size_t info = run.out.find(infoMark) + infoMark.size(), dump = run.out.find(dumpMark);
+    ASSERT_TRUE(info > infoMark.size() && dump != std::string::npos) << run.out;
+    EXPECT_EQ(run.out.substr(info, dump - info), Tool("info demo.twf").out);
+    EXPECT_EQ(run.out.substr(dump + dumpMark.size()), Tool("dump demo.twf -n 7").out);
+    EXPECT_EQ(Tool("check -q demo.twf").code, 0);
+    EXPECT_EQ(Tool("demo -o no/such/folder/demo.twf").code, 1);
+}
+
+}  // namespace

@@ -1,0 +1,155 @@
+// The file and its signal table. Tool layer; one thread.
+#include "wave_file.h"
+
+#include <tarvel/diagnostics.h>
+#include <tarvel/port_mode.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <map>
+
+namespace TarvelTool {
+namespace {
+
+using SignalIterator = Tarvel::IRawTarvelRead::SignalIterator;
+
+std::string LocalName(Tarvel::IRawTarvelRead& r, const SignalIterator& signal) {
+    int size = 0;
+    r.GetSignalPlace(signal, nullptr, nullptr, nullptr, &size, nullptr, nullptr);  // the length
+    std::string name(static_cast<std::size_t>(size) + 1, '\0');
+    size += 1;  // room for the NUL
+    r.GetSignalPlace(signal, nullptr, nullptr, name.data(), &size, nullptr, nullptr);
+    name.resize(static_cast<std::size_t>(size));
+    return name;
+}
+
+SignalKind KindOf(Tarvel::IRawTarvelRead& r, const SignalIterator& signal, const Sorvat::KTypeInfo& type, int typeId) {
+    if (typeId < 0) {
+        const char* group = r.GetProperty(signal, "VBus");
+        return group && std::strcmp(group, "1") == 0 ? SignalKind::kVirtualBus : SignalKind::kScope;
+    }
+    if (type.IsScalar()) return SignalKind::kScalar;
+    const int kind = type.GetKind();
+    return kind == Sorvat::kKindArray || kind == Sorvat::kKindRecord ? SignalKind::kBus : SignalKind::kOpaque;
+}
+
+}  // namespace
+
+std::unique_ptr<WaveFile> WaveFile::Open(const char* command, const std::string& path) {
+    Tarvel::IRawTarvelRead* reader = Tarvel::CreateRawTarvelRead(path.c_str());
+    if (!reader) {
+        if (command) ReportUnreadable(command, path);
+        return nullptr;
+    }
+    return std::unique_ptr<WaveFile>(new WaveFile(path, reader));
+}
+
+void ReportUnreadable(const char* command, const std::string& path) {
+    Tarvel::TarvelDiagnosis diagnosis;
+    Tarvel::DiagnoseTarvelFile(path.c_str(), &diagnosis);
+    std::fprintf(stderr, "tarvel %s: %s\n", command, FaultText(path, diagnosis).c_str());
+}
+
+WaveFile::WaveFile(std::string path, Tarvel::IRawTarvelRead* reader) : m_path(std::move(path)), m_reader(reader) {
+    Build();
+}
+
+WaveFile::~WaveFile() { Tarvel::DeleteRawTarvelRead(m_reader); }
+
+bool WaveFile::Continue() {
+    if (!m_reader->Continue()) return false;
+    Build();
+    return true;
+}
+
+int WaveFile::Find(std::string_view fullName) const {
+    for (std::size_t i = 0; i < m_signals.size(); ++i) {
+        if (m_signals[i].fullName == fullName) return static_cast<int>(i);
+    }
+    return -1;
+}
+
+void WaveFile::ChooseWithDescendants(int index, std::vector<bool>& chosen) const {
+    std::vector<int> pending{index};
+    while (!pending.empty()) {
+        const int at = pending.back();
+        pending.pop_back();
+        if (chosen[static_cast<std::size_t>(at)]) continue;  // a damaged file may loop
+        chosen[static_cast<std::size_t>(at)] = true;
+        for (int child : m_signals[static_cast<std::size_t>(at)].children) pending.push_back(child);
+    }
+}
+
+void WaveFile::Build() {
+    Tarvel::IRawTarvelRead& r = *m_reader;
+    m_signals.clear();
+    m_top.clear();
+    std::map<int, Sorvat::KTypeInfo> types;  // parsed once per type id
+    for (SignalIterator it = r.BeginSignals(); it != r.EndSignals(); ++it) {
+        SignalInfo s;
+        s.handle = it.GetSignalHandle();
+        SignalIterator parent;
+        r.GetSignalPlace(it, nullptr, nullptr, nullptr, nullptr, &parent, &s.position);
+        s.parent = parent == r.EndSignals() ? -1 : parent.GetSignalNr();
+        s.name = LocalName(r, it);
+        const int typeId = r.GetTypeId(it);
+        if (typeId >= 0) {
+            auto found = types.find(typeId);
+            if (found == types.end()) found = types.emplace(typeId, Sorvat::KTypeInfo(r.GetTypeInfo(typeId))).first;
+            s.type = found->second;
+        }
+        s.kind = KindOf(r, it, s.type, typeId);
+        Tarvel::GetSignalPortMode(&r, s.handle, &s.mode);
+        m_signals.push_back(std::move(s));
+    }
+    for (std::size_t i = 0; i < m_signals.size(); ++i) {
+        SignalInfo& s = m_signals[i];
+        if (s.parent >= 0 && m_signals[static_cast<std::size_t>(s.parent)].kind == SignalKind::kBus && s.mode == 0) {
+            s.mode = m_signals[static_cast<std::size_t>(s.parent)].mode;  // elements have no mode of their own
+        }
+    }
+    std::vector<bool> named(m_signals.size());
+    for (std::size_t i = 0; i < m_signals.size(); ++i) NameFully(static_cast<int>(i), named);
+    for (std::size_t i = 0; i < m_signals.size(); ++i) {
+        const int parent = m_signals[i].parent;
+        (parent < 0 ? m_top : m_signals[static_cast<std::size_t>(parent)].children).push_back(static_cast<int>(i));
+    }
+    for (SignalInfo& s : m_signals) {
+        std::stable_sort(s.children.begin(), s.children.end(), [this](int a, int b) {
+            return m_signals[static_cast<std::size_t>(a)].position < m_signals[static_cast<std::size_t>(b)].position;
+        });
+    }
+}
+
+// The full name from the top down. A parent chain that loops (only a damaged file makes one) is
+// cut: the signal where the loop closes is put at the top.
+void WaveFile::NameFully(int index, std::vector<bool>& named) {
+    std::vector<int> chain;  // from `index` up to the first signal named already
+    for (int at = index; at >= 0 && !named[static_cast<std::size_t>(at)];) {
+        if (std::find(chain.begin(), chain.end(), at) != chain.end()) {
+            m_signals[static_cast<std::size_t>(chain.back())].parent = -1;
+            break;
+        }
+        chain.push_back(at);
+        at = m_signals[static_cast<std::size_t>(at)].parent;
+    }
+    for (auto it = chain.rbegin(); it != chain.rend(); ++it) {
+        SignalInfo& s = m_signals[static_cast<std::size_t>(*it)];
+        named[static_cast<std::size_t>(*it)] = true;
+        if (s.parent < 0) {
+            s.fullName = s.name;
+            continue;
+        }
+        const std::string& up = m_signals[static_cast<std::size_t>(s.parent)].fullName;
+        s.fullName = !s.name.empty() && s.name[0] == '(' ? up + s.name : up + "." + s.name;
+    }
+}
+
+// "PATH:LINE:COLUMN: reason", or "PATH: reason" without a place.
+std::string FaultText(const std::string& path, const Tarvel::TarvelDiagnosis& d) {
+    if (d.line == 0) return path + ": " + d.reason;
+    return path + ":" + std::to_string(d.line) + ":" + std::to_string(d.column) + ": " + d.reason;
+}
+
+}  // namespace TarvelTool
