@@ -54,7 +54,7 @@ TEST(VcdCommand, UnreadableInputsExitWithOneAndOneLine) {
         {"import-vcd " + Fixture("counter.ghdl.vcd") + " -o " + folder.path + "/no/such/dir/o.twf",
          "tarvel import-vcd: cannot create " + folder.path + "/no/such/dir/o.twf: No such file or directory\n"},
         {"export-vcd " + text + " -o " + folder.File("o.vcd"),
-         "tarvel export-vcd: cannot read " + text + ": no waveform file, never committed, or damaged\n"},
+         "tarvel export-vcd: " + text + ":1:1: no waveform file: the first line is no $WAVE header\n"},
     };
     for (const Case& c : cases) {
         const Ran ran = Tool(c.arguments);

@@ -159,7 +159,7 @@ TEST(VcdExport, FilesThatCannotBeReadOrWrittenAreRefused) {
     };
     const Case cases[] = {
         {folder.File("none.twf"), folder.File("o.vcd"), "cannot read " + folder.File("none.twf") + ": No such file or directory"},
-        {text, folder.File("o.vcd"), "cannot read " + text + ": no waveform file, never committed, or damaged"},
+        {text, folder.File("o.vcd"), text + ":1:1: no waveform file: the first line is no $WAVE header"},
         {folder.File("d.twf"), folder.path, "cannot create " + folder.path + ": Is a directory"},
         {folder.File("d.twf"), "/dev/full", "writing /dev/full failed: No space left on device"},
     };

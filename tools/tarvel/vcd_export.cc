@@ -3,6 +3,7 @@
 // thread.
 #include "vcd_export.h"
 
+#include <tarvel/diagnostics.h>
 #include <tarvel/tarvel.h>
 #include <unistd.h>
 
@@ -570,8 +571,11 @@ VcdExportResult ExportVcd(const std::string& input, const std::string& output, P
     }
     std::unique_ptr<IRawTarvelRead, void (*)(IRawTarvelRead*)> reader(Tarvel::CreateRawTarvelRead(input.c_str()),
                                                                      Tarvel::DeleteRawTarvelRead);
-    if (!reader) {
-        result.message = "cannot read " + input + ": no waveform file, never committed, or damaged";
+    if (!reader) {  // where and why, as every subcommand says it
+        Tarvel::TarvelDiagnosis d;
+        Tarvel::DiagnoseTarvelFile(input.c_str(), &d);
+        result.message = d.line == 0 ? input + ": " + d.reason
+                                     : input + ":" + std::to_string(d.line) + ":" + std::to_string(d.column) + ": " + d.reason;
         return result;
     }
     Output out;
