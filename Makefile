@@ -19,7 +19,8 @@ demo: build-demo
 	./build/demo/tools/tarvel/tarvel demo --cycles $(CYCLES) -o $(DEMO_FILE)
 
 # Builds and runs every test: the plain build, then AddressSanitizer+UndefinedBehaviorSanitizer
-# (with short fuzz runs), then ThreadSanitizer over the store-sharing tests.
+# (with short fuzz runs), then ThreadSanitizer over the store-sharing tests and the VCD tests (the
+# import's writer thread).
 test: deps test-main test-asan test-tsan
 
 test-main:
@@ -36,8 +37,9 @@ test-asan:
 test-tsan:
 	cmake -S . -B build/tsan $(GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
 	  -DTARVEL_SANITIZE=thread -DTARVEL_BENCH=OFF
-	cmake --build build/tsan -j $(JOBS) --target store_sharing_tests
+	cmake --build build/tsan -j $(JOBS) --target store_sharing_tests vcd_tests
 	TSAN_OPTIONS=halt_on_error=1 ./build/tsan/tests/store/store_sharing_tests
+	cd tests/vcd && TSAN_OPTIONS=halt_on_error=1 TARVEL_TEST_DATA=$(CURDIR)/tests ../../build/tsan/tests/vcd/vcd_tests
 
 # Benchmarks (Release); figures go to docs/performance.md.
 bench: deps
@@ -45,6 +47,7 @@ bench: deps
 	cmake --build build/release -j $(JOBS)
 	./build/release/bench/store_bench
 	./build/release/bench/stream_reader_bench
+	bench/vcd/vcd_bench.sh build/release/tools/tarvel/tarvel
 
 # A Debian package of a Release build (libraries, headers, CMake and pkg-config files, the tool):
 # build/release/tarvel_<version>_<arch>.deb. `cmake --install build/release --prefix DIR` installs

@@ -1,10 +1,22 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build, tests, benchmarks and `make package` need (pkgconf for
 # the install test, dpkg-dev for the package's dependencies), when they are missing.
-# As root it installs them with apt-get; otherwise it prints the command to run and fails.
+# As root it installs them with apt-get (waiting for another apt or dpkg to finish); otherwise it
+# prints the command to run and fails.
+#
+#   scripts/install-deps.sh        what the build, `make test` and `make package` need
+#   scripts/install-deps.sh vcd    that, and the simulators and viewer tools of the VCD tests and
+#                                  benchmarks: Icarus Verilog, GHDL, GTKWave (vcd2fst, fst2vcd),
+#                                  GNU time (the benchmark's wall time and peak memory)
 set -euo pipefail
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev make
           pkgconf dpkg-dev)
+for target in "$@"; do
+  case "$target" in
+    vcd) packages+=(iverilog ghdl gtkwave time) ;;
+    *) echo "install-deps.sh: unknown target '$target' (known: vcd)" >&2; exit 2 ;;
+  esac
+done
 missing=()
 for p in "${packages[@]}"; do
   if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
@@ -15,8 +27,10 @@ done
 if [ "$(id -u)" -eq 0 ]; then
   echo "Installing: ${missing[*]}"
   export DEBIAN_FRONTEND=noninteractive
-  apt-get update -q
-  apt-get install -y -q --no-install-recommends "${missing[@]}"
+  # Another apt-get or dpkg may hold the lock (a second worktree, unattended upgrades): wait.
+  wait_lock=(-o DPkg::Lock::Timeout=600)
+  apt-get "${wait_lock[@]}" update -q
+  apt-get "${wait_lock[@]}" install -y -q --no-install-recommends "${missing[@]}"
 else
   echo "Missing packages: ${missing[*]}" >&2
   echo "Run: sudo apt-get install -y ${missing[*]}" >&2
