@@ -327,6 +327,7 @@ void BindReading(py::module_& m) {
     py::class_<Reader>(m, "Reader", "An opened waveform file (tarvel.open builds on it).")
         .def_property_readonly("path", [](Reader& r) { ShortLock lock(r.mutex); return r.Open().Path(); })
         .def_property_readonly("filtered", [](Reader& r) { ShortLock lock(r.mutex); return r.Open().Filtered(); })
+        .def_property_readonly("unmatched", [](Reader& r) { ShortLock lock(r.mutex); return r.Open().UnmatchedNames(); })
         .def_property_readonly("resolution", [](Reader& r) { ShortLock lock(r.mutex); return r.Open().Reader().GetResolution(); })
         .def_property_readonly("end_time", [](Reader& r) { ShortLock lock(r.mutex); return r.Open().Reader().GetEndTime(); })
         .def_property_readonly("timed", [](Reader& r) { ShortLock lock(r.mutex); return r.Open().Reader().IsTimed(); })

@@ -38,6 +38,12 @@ struct Writer {
     }
 };
 
+// A path given as str, bytes or os.PathLike, as text.
+std::string PathText(py::handle path) {
+    py::object text = py::module_::import("os").attr("fsdecode")(path);
+    return text.cast<std::string>();
+}
+
 int ModeOf(py::handle mode) {
     if (!PyUnicode_Check(mode.ptr())) return static_cast<int>(py::int_(py::reinterpret_borrow<py::object>(mode)));
     std::string word = mode.cast<std::string>();
@@ -197,7 +203,10 @@ void BindWriting(py::module_& m) {
         .def("__repr__", &DeclaredRepr);
 
     py::class_<Writer>(m, "Writer")
-        .def(py::init<const std::string&, bool, std::int64_t>(), "path"_a, "timed"_a = false, "resolution"_a = 1000)
+        .def(py::init([](py::handle path, bool timed, std::int64_t resolution) {
+                 return std::make_unique<Writer>(PathText(path), timed, resolution);
+             }),
+             "path"_a, "timed"_a = false, "resolution"_a = 1000)
         .def_property_readonly("path", [](Writer& w) { return w.file->Path(); })
         .def_property_readonly("timed", [](Writer& w) { return w.file->Timed(); })
         .def_property_readonly("closed", [](Writer& w) { ShortLock lock(w.mutex); return w.file->Closed(); })

@@ -130,6 +130,14 @@ py::array OneDimensional(py::handle values, const std::string& who) {
         PyErr_Clear();
         throw py::type_error(who + ": a sequence or an array of values expected");
     }
+    // numpy makes text of a list that mixes text and numbers (["RUN", 3] gives "3"): such a
+    // list is taken value by value, as objects.
+    const char kind = array.dtype().kind();
+    if (!py::isinstance<py::array>(values) && (kind == 'U' || kind == 'S') && array.ndim() == 1) {
+        py::array objects = py::module_::import("numpy").attr("empty")(array.size(), py::arg("dtype") = "O");
+        objects[py::slice(0, array.size(), 1)] = py::reinterpret_borrow<py::object>(values);
+        return objects;
+    }
     if (array.ndim() != 1) throw py::value_error(who + ": one value per time expected (a 1-D array)");
     return array;
 }
@@ -227,24 +235,29 @@ std::vector<std::vector<std::uint64_t>> EncodeBuses(const WriteFile& file, int b
     const Declaration& d = file.At(bus);
     const std::vector<int> leaves = Leaves(file, bus);
     std::vector<std::vector<std::uint64_t>> raws(leaves.size());
-    const py::array array = OneDimensional(values, d.fullName);
-    const char kind = array.dtype().kind();
-    const bool bitBus = IsBitBus(file, d);
-    if (bitBus && (kind == 'i' || kind == 'u') && d.elements.size() <= 63) {
-        const std::size_t width = d.elements.size();
-        for (std::int64_t number : Int64s(array)) {
-            if (number < 0 || static_cast<std::uint64_t>(number) >> width != 0) {
-                throw py::value_error(d.fullName + ": " + std::to_string(number) + " does not fit " + std::to_string(width) + " bits");
+    if (py::isinstance<py::array>(values)) {
+        const py::array array = py::reinterpret_borrow<py::array>(values);
+        const char kind = array.dtype().kind();
+        if (array.ndim() == 1 && (kind == 'i' || kind == 'u') && IsBitBus(file, d) && d.elements.size() <= 63) {
+            const std::size_t width = d.elements.size();
+            for (std::int64_t number : Int64s(array)) {
+                if (number < 0 || static_cast<std::uint64_t>(number) >> width != 0) {
+                    throw py::value_error(d.fullName + ": " + std::to_string(number) + " does not fit " + std::to_string(width) + " bits");
+                }
+                for (std::size_t i = 0; i < width; ++i) {
+                    const char bit = (static_cast<std::uint64_t>(number) >> (width - 1 - i) & 1) ? '1' : '0';
+                    raws[i].push_back(static_cast<std::uint64_t>(file.At(d.elements[i]).type->CodeOfCharacter(bit)));
+                }
             }
-            for (std::size_t i = 0; i < width; ++i) {
-                const char bit = (static_cast<std::uint64_t>(number) >> (width - 1 - i) & 1) ? '1' : '0';
-                raws[i].push_back(static_cast<std::uint64_t>(file.At(d.elements[i]).type->CodeOfCharacter(bit)));
-            }
+            return raws;
         }
-        return raws;
+    }
+    // Any other values: one bus value per item (a list of lists, rows of a 2-D array, strings).
+    if (IsText(values) || !PySequence_Check(values.ptr())) {
+        throw py::type_error(d.fullName + ": a sequence or an array of values expected, not " + TypeName(values));
     }
     std::vector<std::uint64_t> one;
-    for (py::handle item : array) {
+    for (py::handle item : py::reinterpret_borrow<py::sequence>(values)) {
         one.clear();
         EncodeBus(file, bus, item, &one);
         for (std::size_t i = 0; i < leaves.size(); ++i) raws[i].push_back(one[i]);

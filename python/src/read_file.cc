@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <exception>
+#include <thread>
 #include <unordered_map>
 
 namespace TarvelPython {
@@ -44,8 +46,10 @@ bool Below(const std::string& fullName, const std::string& above) {
 }
 
 // The handles (with their listed names) that `names` pick: each name's declaration and those
-// below it; for a name not declared (an element or field), the nearest declaration above it.
-std::map<int, std::vector<std::string>> Pick(const Listing& listing, const std::vector<std::string>& names) {
+// below it; for a name not declared (an element or field), the nearest declaration above it,
+// the name then going to `unmatched`.
+std::map<int, std::vector<std::string>> Pick(const Listing& listing, const std::vector<std::string>& names,
+                                             std::vector<std::string>* unmatched) {
     std::map<int, std::vector<std::string>> picked;
     for (const std::string& name : names) {
         bool found = false;
@@ -59,21 +63,101 @@ std::map<int, std::vector<std::string>> Pick(const Listing& listing, const std::
             }
         }
         if (!found && nearest) picked[nearest->first].push_back(nearest->second);
+        if (!found) unmatched->push_back(name);
     }
     return picked;
 }
 
-Tarvel::IRawTarvelRead* OpenFiltered(const std::string& path, const std::vector<std::string>& names) {
-    const std::map<int, std::vector<std::string>> picked = Pick(ListDeclarations(path), names);
-    std::vector<std::vector<char*>> pointers;  // the selection's names, pointing into `picked`
-    pointers.reserve(picked.size());
-    std::map<int, std::vector<char*>*> selection;
-    for (const auto& [handle, fullNames] : picked) {
-        pointers.emplace_back();
-        for (const std::string& fullName : fullNames) pointers.back().push_back(const_cast<char*>(fullName.c_str()));
-        selection[handle] = &pointers.back();
+// A selection for CreateFilteredRawTarvelRead: the names stay in `picked`, which must outlive it.
+class Selection {
+public:
+    explicit Selection(const std::map<int, std::vector<std::string>>& picked) {
+        m_pointers.reserve(picked.size());
+        for (const auto& [handle, fullNames] : picked) {
+            m_pointers.emplace_back();
+            for (const std::string& fullName : fullNames) m_pointers.back().push_back(const_cast<char*>(fullName.c_str()));
+            m_selection[handle] = &m_pointers.back();
+        }
     }
-    return Tarvel::CreateFilteredRawTarvelRead(path.c_str(), &selection);
+    Tarvel::IRawTarvelRead* Read(const std::string& path) { return Tarvel::CreateFilteredRawTarvelRead(path.c_str(), &m_selection); }
+
+private:
+    std::vector<std::vector<char*>> m_pointers;
+    std::map<int, std::vector<char*>*> m_selection;
+};
+
+// Whether a listed declaration is one that `picked` selects (the filtered reader's test: its
+// handle is a key and its full name one of the key's names, or its declared name is empty).
+bool Selects(const std::map<int, std::vector<std::string>>& picked, const std::pair<int, std::string>& declaration) {
+    const auto found = picked.find(declaration.first);
+    if (found == picked.end()) return false;
+    const std::string& full = declaration.second;
+    if (full.empty() || full.back() == '.') return true;  // a declaration without a name
+    return std::find(found->second.begin(), found->second.end(), full) != found->second.end();
+}
+
+bool SameChoice(const Listing& listing, const std::map<int, std::vector<std::string>>& a,
+                const std::map<int, std::vector<std::string>>& b) {
+    for (const auto& declaration : listing) {
+        if (Selects(a, declaration) != Selects(b, declaration)) return false;
+    }
+    return true;
+}
+
+// Handles the guessed selection spans, and the most names it copies in all.
+constexpr int kGuessedHandles = 1 << 16;
+constexpr std::size_t kGuessedNames = 1 << 18;
+
+// Every handle below a bound, each with the names asked for (and, for an element "x(7)", its
+// bus "x"): the filtered reader keeps exactly the declarations so named whose handle is below
+// the bound.
+std::map<int, std::vector<std::string>> Guess(const std::vector<std::string>& names) {
+    std::vector<std::string> wanted = names;
+    for (const std::string& name : names) {
+        const std::size_t index = name.rfind('(');
+        if (!name.empty() && name.back() == ')' && index != std::string::npos && index > 0) wanted.push_back(name.substr(0, index));
+    }
+    const int handles = static_cast<int>(std::min<std::size_t>(kGuessedHandles, kGuessedNames / wanted.size()));
+    std::map<int, std::vector<std::string>> guess;
+    for (int handle = 0; handle < handles; ++handle) guess.emplace_hint(guess.end(), handle, wanted);
+    return guess;
+}
+
+// Reading named signals takes their handles, which the listing finds by a scan of the file, and
+// then the filtered read, a second scan. So both run at once: the listing on a thread of its
+// own, and a filtered read of a guessed selection (Guess). When the listing shows that the guess
+// keeps exactly what the names pick (names of signals and buses among the first handles), that
+// read is the answer: the wall time of one scan. Otherwise (a scope's name, which picks what is
+// below it; a handle beyond the guess) a second read takes the listed handles.
+Tarvel::IRawTarvelRead* OpenFiltered(const std::string& path, const std::vector<std::string>& names,
+                                     std::vector<std::string>* unmatched) {
+    if (names.empty()) return Selection({}).Read(path);
+    Listing listing;
+    std::exception_ptr failure;
+    std::thread lister([&] {
+        try {
+            listing = ListDeclarations(path);
+        } catch (...) {
+            failure = std::current_exception();
+        }
+    });
+    const std::map<int, std::vector<std::string>> guess = Guess(names);
+    Tarvel::IRawTarvelRead* guessed = nullptr;
+    try {
+        guessed = Selection(guess).Read(path);
+    } catch (...) {
+        lister.join();
+        throw;
+    }
+    lister.join();
+    if (failure) {
+        Tarvel::DeleteRawTarvelRead(guessed);
+        std::rethrow_exception(failure);
+    }
+    const std::map<int, std::vector<std::string>> picked = Pick(listing, names, unmatched);
+    if (guessed && SameChoice(listing, guess, picked)) return guessed;
+    Tarvel::DeleteRawTarvelRead(guessed);
+    return Selection(picked).Read(path);
 }
 
 }  // namespace
@@ -118,13 +202,18 @@ Listing ListDeclarations(const std::string& path) {
         throw;
     }
     Tarvel::DeleteRawTarvelPreRead(&result);
+    // The listing is a hash table: by handle, a handle declared twice in file order.
+    std::stable_sort(listing.begin(), listing.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
     return listing;
 }
 
 std::unique_ptr<ReadFile> ReadFile::Open(const std::string& path, const std::vector<std::string>* names) {
-    Tarvel::IRawTarvelRead* reader = names ? OpenFiltered(path, *names) : Tarvel::CreateRawTarvelRead(path.c_str());
+    std::vector<std::string> unmatched;
+    Tarvel::IRawTarvelRead* reader = names ? OpenFiltered(path, *names, &unmatched) : Tarvel::CreateRawTarvelRead(path.c_str());
     if (!reader) ThrowUnreadable(path);
-    return std::unique_ptr<ReadFile>(new ReadFile(path, reader, names != nullptr));
+    std::unique_ptr<ReadFile> file(new ReadFile(path, reader, names != nullptr));
+    file->m_unmatched = std::move(unmatched);
+    return file;
 }
 
 ReadFile::ReadFile(std::string path, Tarvel::IRawTarvelRead* reader, bool filtered)

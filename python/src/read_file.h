@@ -74,6 +74,9 @@ public:
     Tarvel::IRawTarvelRead& Reader() { return *m_reader; }
     const std::string& Path() const { return m_path; }
     bool Filtered() const { return m_filtered; }
+    // The names given to Open that name no declaration of the file and none above a declaration
+    // (elements and fields of a bus, which the bus brought, or no signal at all).
+    const std::vector<std::string>& UnmatchedNames() const { return m_unmatched; }
     const std::vector<SignalRecord>& Signals() const { return m_signals; }
     const std::map<std::string, std::string>& FileProperties() const { return m_fileProperties; }
     // The events store of the signal at `index`; null for an unknown index.
@@ -94,13 +97,15 @@ private:
     std::string m_path;
     Tarvel::IRawTarvelRead* m_reader;  // owned
     bool m_filtered;
+    std::vector<std::string> m_unmatched;
     std::vector<SignalRecord> m_signals;
     std::map<std::string, std::string> m_fileProperties;
     std::map<std::string, std::shared_ptr<TypeFacts>> m_types;  // by type string, parsed once
     unsigned m_generation = 0;
 };
 
-// Every declaration of `path` as (handle, full name), in file order, without reading events
+// Every declaration of `path` as (handle, full name), by handle (a handle declared twice in
+// file order), without reading events
 // (CreateRawTarvelPreRead). A file that does not read lists what comes before its fault; one of
 // an older layout lists nothing.
 std::vector<std::pair<int, std::string>> ListDeclarations(const std::string& path);

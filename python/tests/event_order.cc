@@ -1,5 +1,6 @@
 // Test helper of the Python module's tests: prints the merged event pass of the reader facade
-// (CreateStreamRead2) over a file, one event per line: "HANDLE TIME DELTA VALUE", the value as
+// (CreateStreamRead2) over a file, one event per line: "HANDLE TIME DELTA VALUE", HANDLE the
+// facade's (the signal's place in declaration order, from 0), the value as
 // a hexadecimal number of the store's little-endian bytes. The tests compare tarvel's
 // File.events() with it. Exit 1 when the file does not read.
 //
