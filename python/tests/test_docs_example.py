@@ -38,3 +38,15 @@ def test_the_writing_example(tmp_path, monkeypatch):
         np.testing.assert_array_equal(f["tb.data"].values, np.arange(100) % 256)
         np.testing.assert_allclose(f["tb.level"].values, np.sin(np.arange(1000) / 50), rtol=1e-5, atol=1e-6)  # %g
         assert f["tb.clk"].mode == tarvel.Mode.IN
+
+
+def test_the_five_lines_of_the_readme(tmp_path, monkeypatch):
+    text = (Path(os.environ["TARVEL_SOURCE_DIR"]) / "README.md").read_text()
+    section = text.split("## Using it from Python", 1)[1]
+    lines = re.search(r"\n\n((?:    .*\n)+)", section).group(1).splitlines()
+    assert len(lines) == 5
+    monkeypatch.chdir(tmp_path)
+    (tmp_path / "build").mkdir()
+    tool("demo", "--cycles", "300", "--lines", "0", "-o", "build/demo.twf")
+    exec(compile("\n".join(line[4:] for line in lines), "README.md", "exec"), {})
+    assert list(tarvel.open("out.twf")["clk"].text()) == ["1"]
