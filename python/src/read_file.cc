@@ -7,8 +7,7 @@
 
 #include <algorithm>
 #include <cstring>
-#include <exception>
-#include <thread>
+#include <string_view>
 #include <unordered_map>
 
 namespace TarvelPython {
@@ -123,43 +122,6 @@ std::map<int, std::vector<std::string>> Guess(const std::vector<std::string>& na
     return guess;
 }
 
-// Reading named signals takes their handles, which the listing finds by a scan of the file, and
-// then the filtered read, a second scan. So both run at once: the listing on a thread of its
-// own, and a filtered read of a guessed selection (Guess). When the listing shows that the guess
-// keeps exactly what the names pick (names of signals and buses among the first handles), that
-// read is the answer: the wall time of one scan. Otherwise (a scope's name, which picks what is
-// below it; a handle beyond the guess) a second read takes the listed handles.
-Tarvel::IRawTarvelRead* OpenFiltered(const std::string& path, const std::vector<std::string>& names,
-                                     std::vector<std::string>* unmatched) {
-    if (names.empty()) return Selection({}).Read(path);
-    Listing listing;
-    std::exception_ptr failure;
-    std::thread lister([&] {
-        try {
-            listing = ListDeclarations(path);
-        } catch (...) {
-            failure = std::current_exception();
-        }
-    });
-    const std::map<int, std::vector<std::string>> guess = Guess(names);
-    Tarvel::IRawTarvelRead* guessed = nullptr;
-    try {
-        guessed = Selection(guess).Read(path);
-    } catch (...) {
-        lister.join();
-        throw;
-    }
-    lister.join();
-    if (failure) {
-        Tarvel::DeleteRawTarvelRead(guessed);
-        std::rethrow_exception(failure);
-    }
-    const std::map<int, std::vector<std::string>> picked = Pick(listing, names, unmatched);
-    if (guessed && SameChoice(listing, guess, picked)) return guessed;
-    Tarvel::DeleteRawTarvelRead(guessed);
-    return Selection(picked).Read(path);
-}
-
 }  // namespace
 
 FileError::FileError(std::string path, std::string reason, long long line, long long column)
@@ -207,13 +169,52 @@ Listing ListDeclarations(const std::string& path) {
     return listing;
 }
 
+// Reading named signals takes their handles, which only the listing finds, by a scan of the
+// file, before the filtered read, a second scan. So the filtered read runs first on a guessed
+// selection (Guess); when it holds a signal or bus of every name, it is the answer: one scan.
+// Otherwise (a scope's name, which picks what is below it; a name the guess does not find) the
+// listing decides: the guessed read when it keeps what the names pick, else a read of the
+// listed handles.
 std::unique_ptr<ReadFile> ReadFile::Open(const std::string& path, const std::vector<std::string>* names) {
-    std::vector<std::string> unmatched;
-    Tarvel::IRawTarvelRead* reader = names ? OpenFiltered(path, *names, &unmatched) : Tarvel::CreateRawTarvelRead(path.c_str());
+    if (!names) {
+        Tarvel::IRawTarvelRead* reader = Tarvel::CreateRawTarvelRead(path.c_str());
+        if (!reader) ThrowUnreadable(path);
+        return std::unique_ptr<ReadFile>(new ReadFile(path, reader, false));
+    }
+    if (names->empty()) {
+        Tarvel::IRawTarvelRead* reader = Selection({}).Read(path);
+        if (!reader) ThrowUnreadable(path);
+        return std::unique_ptr<ReadFile>(new ReadFile(path, reader, true));
+    }
+    const std::map<int, std::vector<std::string>> guess = Guess(*names);
+    Tarvel::IRawTarvelRead* reader = Selection(guess).Read(path);
     if (!reader) ThrowUnreadable(path);
-    std::unique_ptr<ReadFile> file(new ReadFile(path, reader, names != nullptr));
-    file->m_unmatched = std::move(unmatched);
-    return file;
+    std::unique_ptr<ReadFile> guessed(new ReadFile(path, reader, true));
+    if (guessed->HoldsSignalsNamed(*names)) return guessed;
+    const Listing listing = ListDeclarations(path);
+    std::vector<std::string> unmatched;
+    const std::map<int, std::vector<std::string>> picked = Pick(listing, *names, &unmatched);
+    if (!SameChoice(listing, guess, picked)) {
+        guessed.reset();  // its memory, before the second read
+        reader = Selection(picked).Read(path);
+        if (!reader) ThrowUnreadable(path);
+        guessed.reset(new ReadFile(path, reader, true));
+    }
+    guessed->m_unmatched = std::move(unmatched);
+    return guessed;
+}
+
+// True when each name is the full name of a held signal with a type that is no scope or
+// virtual bus: a signal, a bus, an element. (Such a name picks nothing below it but the bus's
+// own parts, which come with the bus.)
+bool ReadFile::HoldsSignalsNamed(const std::vector<std::string>& names) const {
+    std::unordered_map<std::string_view, const SignalRecord*> byName;
+    for (const SignalRecord& s : m_signals) byName.emplace(s.fullName, &s);
+    for (const std::string& name : names) {
+        const auto found = byName.find(name);
+        if (found == byName.end() || !found->second->type) return false;
+    }
+    return true;
 }
 
 ReadFile::ReadFile(std::string path, Tarvel::IRawTarvelRead* reader, bool filtered)

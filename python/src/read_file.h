@@ -91,6 +91,7 @@ public:
 private:
     ReadFile(std::string path, Tarvel::IRawTarvelRead* reader, bool filtered);
     void Build();
+    bool HoldsSignalsNamed(const std::vector<std::string>& names) const;
     void NameFully(int index, std::vector<bool>& named);
     void ReadProperties();
 

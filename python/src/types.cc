@@ -40,7 +40,8 @@ std::string EnumerationText(const Sorvat::KTypeInfo& type) {
     const int literals = static_cast<int>(facts.Literals().size());
     for (int i = 0; i < literals && i < kLiteralsShown; ++i) {
         const std::string& literal = facts.Literals()[static_cast<std::size_t>(i)];
-        text += (i ? ", " : "") + (facts.IsCharacter(static_cast<std::uint32_t>(i)) ? "'" + literal + "'" : literal);
+        if (i) text += ", ";
+        text += facts.IsCharacter(static_cast<std::uint32_t>(i)) ? "'" + literal + "'" : literal;
     }
     if (literals > kLiteralsShown) text += ", ... " + std::to_string(literals - kLiteralsShown) + " more";
     return text + ")";
@@ -51,8 +52,10 @@ std::string ArrayText(const Sorvat::KTypeInfo& type) {
     const int dimensions = type.GetArrayDimensionRanges(ranges, 8);
     std::string text = std::string(type.GetTypeName()) + "(";
     for (int i = 0; i < dimensions && i < 8; ++i) {
-        text += (i ? ", " : "") + std::to_string(ranges[i].left) +
-                (ranges[i].direction == Sorvat::KDirection::kDownto ? " downto " : " to ") + std::to_string(ranges[i].right);
+        if (i) text += ", ";
+        text += std::to_string(ranges[i].left);
+        text += ranges[i].direction == Sorvat::KDirection::kDownto ? " downto " : " to ";
+        text += std::to_string(ranges[i].right);
     }
     if (dimensions > 8) text += ", ...";
     return text + ") of " + DescribeType(type.GetElementType());
@@ -69,7 +72,10 @@ std::string RecordText(const Sorvat::KTypeInfo& type) {
     std::string text = std::string(type.GetTypeName()) + ": record (";
     const int fields = type.GetNbOfFields();
     for (int i = 0; i < fields && i < kLiteralsShown; ++i) {
-        text += (i ? "; " : "") + std::string(type.GetFieldName(i)) + ": " + FieldTypeText(type.GetFieldType(i));
+        if (i) text += "; ";
+        text += type.GetFieldName(i);
+        text += ": ";
+        text += FieldTypeText(type.GetFieldType(i));
     }
     if (fields > kLiteralsShown) text += "; ... " + std::to_string(fields - kLiteralsShown) + " more";
     return text + ")";

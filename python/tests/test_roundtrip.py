@@ -186,3 +186,24 @@ def test_filtered_read_answers_as_the_whole_read(design):
                 np.testing.assert_array_equal(s.values, whole[s.full_name].values)
             assert s.type == whole[s.full_name].type and s.mode == whole[s.full_name].mode
         assert part.resolution == whole.resolution and part.end_time == whole.end_time
+
+
+def test_filtered_read_of_handles_beyond_the_guess(tmp_path):
+    """The filtered open first tries the first 65,536 handles; a signal after them is found
+    through the listing."""
+    path = tmp_path / "many.twf"
+    with tarvel.Writer(path) as w:
+        top = w.scope("top")
+        declared = [w.signal(f"x{i}", tarvel.BIT, parent=top) for i in range(65_600)]
+        w.store(declared[3], 1)
+        w.store(declared[-1], 1)
+        w.set_time(10)
+        w.store(declared[-1], 0)
+    assert declared[-1].handle > 65_536
+    with tarvel.open(path, signals=["top.x65599"]) as f:
+        assert {s.full_name for s in f} == {"top", "top.x65599"}
+        assert list(f["top.x65599"].values) == [1, 0]
+    with tarvel.open(path, signals=["top.x3", "top.x65599"]) as f:
+        assert len(f) == 3 and list(f["top.x3"].times) == [0]
+    with pytest.raises(KeyError):
+        tarvel.open(path, signals=["top.x65600"])
