@@ -4,10 +4,15 @@ CYCLES ?= 1000000
 DEMO_FILE ?= build/demo.twf
 GEN := -G Ninja
 
-.PHONY: demo test deps build-demo test-main test-asan test-tsan bench package clean
+.PHONY: demo test deps deps-python build-demo test-main test-asan test-tsan bench package clean
 
 deps:
 	@scripts/install-deps.sh
+
+# The Python module's packages (pybind11, numpy, pytest, matplotlib): installed when missing and
+# possible; without them its tests report themselves skipped.
+deps-python:
+	-@scripts/install-deps.sh python
 
 # The tool alone, in Release: no tests, no benchmarks.
 build-demo: deps
@@ -20,8 +25,8 @@ demo: build-demo
 
 # Builds and runs every test: the plain build, then AddressSanitizer+UndefinedBehaviorSanitizer
 # (with short fuzz runs), then ThreadSanitizer over the store-sharing tests and the VCD tests (the
-# import's writer thread).
-test: deps test-main test-asan test-tsan
+# import's writer thread). The plain build runs the Python module's pytest suite too.
+test: deps deps-python test-main test-asan test-tsan
 
 test-main:
 	cmake -S . -B build/main $(GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARVEL_BENCH=OFF
@@ -48,6 +53,9 @@ bench: deps
 	./build/release/bench/store_bench
 	./build/release/bench/stream_reader_bench
 	bench/vcd/vcd_bench.sh build/release/tools/tarvel/tarvel
+	if [ -e build/release/python/bench/python_bench_one_signal ]; then \
+	  PYTHONPATH=build/release/python /usr/bin/python3 python/bench/read_one_signal.py \
+	    build/release/python/bench/python_bench_one_signal; fi
 
 # A Debian package of a Release build (libraries, headers, CMake and pkg-config files, the tool):
 # build/release/tarvel_<version>_<arch>.deb. `cmake --install build/release --prefix DIR` installs

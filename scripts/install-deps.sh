@@ -8,13 +8,17 @@
 #   scripts/install-deps.sh vcd    that, and the simulators and viewer tools of the VCD tests and
 #                                  benchmarks: Icarus Verilog, GHDL, GTKWave (vcd2fst, fst2vcd),
 #                                  GNU time (the benchmark's wall time and peak memory)
+#   scripts/install-deps.sh python the Python module's build and tests, for Debian's own
+#                                  /usr/bin/python3: its headers, pybind11, numpy, pytest,
+#                                  matplotlib (the example of docs/python.md), venv (pip install .)
 set -euo pipefail
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev make
           pkgconf dpkg-dev)
 for target in "$@"; do
   case "$target" in
     vcd) packages+=(iverilog ghdl gtkwave time) ;;
-    *) echo "install-deps.sh: unknown target '$target' (known: vcd)" >&2; exit 2 ;;
+    python) packages+=(python3-dev pybind11-dev python3-numpy python3-pytest python3-matplotlib python3-venv) ;;
+    *) echo "install-deps.sh: unknown target '$target' (known: vcd, python)" >&2; exit 2 ;;
   esac
 done
 missing=()
