@@ -4,6 +4,8 @@
 
 #include <new>
 
+#include "foundation/platform.h"
+
 namespace Tarvel {
 namespace {
 
@@ -34,17 +36,21 @@ KEventMerge::KEventMerge(const Vector<Source>& sources) {
         for (std::uint32_t i = 0; i < slots; ++i) m_slots[i] = Slot{0, 0, -1};
         m_heap = AllocateArray<Stamp>(n + 1);
         m_hot = AllocateArray<Hot>(n);
+        m_next = AllocateArray<std::int32_t>(n);
         m_cold = AllocateArray<Cold>(n);
         for (const Source& source : sources) {
             const unsigned events = source.store->count();
             const auto room = static_cast<std::uint8_t>(events < kAhead ? (events > 0 ? events : 1) : kAhead);
-            m_hot[m_entryCount] = Hot{source.handle, -1, static_cast<std::uint32_t>(m_decodedCount), room, 0, 0,
-                                      static_cast<std::uint8_t>(source.store->GetSize()), false};
-            m_decodedCount += room;
+            const auto valueSize = static_cast<std::uint8_t>(source.store->GetSize());
+            if (m_decodedBytes > 0xFFFFFFFFu - 24u * kAhead) throw std::bad_alloc();  // byte offsets are 32-bit
+            m_hot[m_entryCount] = Hot{source.handle, static_cast<std::uint32_t>(m_decodedBytes), room, 0, 0, valueSize, false};
+            m_next[m_entryCount] = -1;
+            m_decodedBytes += std::uint64_t{room} * ItemBytes(valueSize);
             new (&m_cold[m_entryCount]) Cold(source.store);
             ++m_entryCount;
         }
-        m_decoded = AllocateArray<Decoded>(m_decodedCount);
+        m_decoded = static_cast<unsigned char*>(Allocate(m_decodedBytes));
+        Platform::AdviseRandomAccess(m_decoded, m_decodedBytes);
     } catch (...) {
         FreeAll();
         throw;
@@ -59,35 +65,50 @@ void KEventMerge::FreeAll() noexcept {
     Free(m_decoded);
     Free(m_cold);
     Free(m_hot);
+    Free(m_next);
     Free(m_heap);
     Free(m_slots);
     m_decoded = nullptr;
     m_cold = nullptr;
     m_hot = nullptr;
+    m_next = nullptr;
     m_heap = nullptr;
     m_slots = nullptr;
 }
 
+// Writes `n` decoded events into the items at `run`.
+template <unsigned kValueSize>
+void KEventMerge::SpreadItems(unsigned char* run, int n, const int64* times, const unsigned* deltas, const unsigned char* values) {
+    unsigned char* item = run;
+    for (int i = 0; i < n; ++i, item += ItemBytes(kValueSize)) {
+        const auto delta = static_cast<std::int32_t>(deltas[i]);
+        std::memcpy(item + kTimeAt, &times[i], 8);
+        std::memcpy(item + kDeltaAt, &delta, 4);
+        if constexpr (kValueSize > 0) std::memcpy(item + kValueAt, values + std::size_t{static_cast<unsigned>(i)} * kValueSize, kValueSize);
+    }
+}
+
+// One batch of the store's next events, spread into the entry's items.
 bool KEventMerge::Refill(std::int32_t entry) {
     Hot& hot = m_hot[entry];
-    Cold& cold = m_cold[entry];
     hot.at = 0;
     hot.count = 0;
     if (hot.finished) return false;
-    const KEventsStore& store = *cold.store;
-    Decoded* run = m_decoded + hot.base;
-    bool ok = cold.started ? store.GetNextEvent(&cold.cursor) : store.GetFirstEvent(&cold.cursor);
-    cold.started = true;
-    for (unsigned n = 0; ok; ok = store.GetNextEvent(&cold.cursor)) {
-        Decoded& d = run[n];
-        d.time = cold.cursor.GetTime();
-        d.delta = static_cast<std::int32_t>(cold.cursor.GetDelta());
-        if (hot.valueSize > 0) cold.cursor.GetValue(d.value, hot.valueSize);
-        hot.count = static_cast<std::uint8_t>(++n);
-        if (n == hot.room) return true;
+    Cold& cold = m_cold[entry];
+    int64 times[kAhead];
+    unsigned deltas[kAhead];
+    unsigned char values[kAhead * 8];
+    const unsigned valueSize = hot.valueSize;
+    const int n = cold.store->GetNextEvents(&cold.cursor, hot.room, times, deltas, valueSize > 0 ? values : nullptr, nullptr);
+    unsigned char* run = m_decoded + hot.base;
+    switch (valueSize) {
+        case 4: SpreadItems<4>(run, n, times, deltas, values); break;
+        case 8: SpreadItems<8>(run, n, times, deltas, values); break;
+        default: SpreadItems<0>(run, n, times, deltas, values); break;
     }
-    hot.finished = true;
-    return hot.count > 0;
+    hot.count = static_cast<std::uint8_t>(n);
+    hot.finished = n < hot.room;
+    return n > 0;
 }
 
 // Fibonacci hashing of the time with the delta folded in (deltas are small, times are often
@@ -124,6 +145,7 @@ std::uint32_t KEventMerge::SlotFor(const Stamp& stamp) {
 }
 
 void KEventMerge::PutBackBatch() {
+    m_ahead = m_link = -1;
     if (m_batch < 0) return;
     m_slots[SlotFor(m_now)].head = m_batch;
     m_batch = -1;
@@ -138,7 +160,7 @@ bool KEventMerge::TakeSmallest() {
     const std::uint32_t i = Probe(m_now);  // every stamp on the heap has its slot
     m_batch = m_slots[i].head;
     EraseSlot(i);
-    Prefetch(m_batch);
+    PrefetchBatch();
     return true;
 }
 

@@ -73,17 +73,18 @@ public:
 private:
     // Events decoded at a time per entry (fewer for a store that holds fewer). Fewer refills
     // matter most when thousands of stores take turns; see docs/design.md.
-    static constexpr unsigned kAhead = 32;
-    struct Decoded {
-        int64 time;
-        std::int32_t delta;
-        unsigned char value[8];  // the store's value bytes (valueSize of them)
-    };
+    static constexpr unsigned kAhead = 64;
+    // How far ahead in the current batch the items of the entries to come are prefetched, and
+    // (twice as far) their entry state, which the item's address and the list link come from.
+    static constexpr unsigned kPrefetchDistance = 8;
+    // A decoded event: the time at byte 0, the delta at 8, the value bytes at 12 (4 or 8 of
+    // them); items are 16 bytes apart, 24 for stores of 8-byte values.
+    static constexpr unsigned kTimeAt = 0, kDeltaAt = 8, kValueAt = 12;
+    static unsigned ItemBytes(unsigned valueSize) { return 16 + (valueSize & 8); }
     // What the merge reads for every event of the entry.
     struct Hot {
         std::int32_t handle;
-        std::int32_t next;       // the entry after this one in its list; -1 at the end
-        std::uint32_t base;      // the entry's first item in m_decoded
+        std::uint32_t base;      // byte offset of the entry's first item in m_decoded
         std::uint8_t room;       // the entry's items in m_decoded
         std::uint8_t at;         // the current event among them
         std::uint8_t count;      // events decoded into them
@@ -94,8 +95,7 @@ private:
     struct Cold {
         explicit Cold(const KEventsStore* s) : store(s) {}
         const KEventsStore* store;
-        bool started = false;  // the cursor stands on the last decoded event
-        KEventData cursor;
+        KEventData cursor;  // stands on the last event decoded
     };
     // A hash slot: a stamp with waiting entries, and the head of their list (-1: slot free).
     struct Slot {
@@ -107,10 +107,18 @@ private:
     void FreeAll() noexcept;
     // Decodes the entry's next events; false when its store has no more.
     bool Refill(std::int32_t entry);
-    const Decoded& Current(std::int32_t entry) const { return m_decoded[m_hot[entry].base + m_hot[entry].at]; }
+    template <unsigned kValueSize>
+    static void SpreadItems(unsigned char* run, int n, const int64* times, const unsigned* deltas, const unsigned char* values);
+    const unsigned char* Current(std::int32_t entry) const {
+        const Hot& hot = m_hot[entry];
+        return m_decoded + hot.base + std::size_t{hot.at} * ItemBytes(hot.valueSize);
+    }
     Stamp StampOf(std::int32_t entry) const {
-        const Decoded& d = Current(entry);
-        return Stamp{d.time, d.delta};
+        const unsigned char* item = Current(entry);
+        Stamp stamp;
+        std::memcpy(&stamp.time, item + kTimeAt, sizeof stamp.time);
+        std::memcpy(&stamp.delta, item + kDeltaAt, sizeof stamp.delta);
+        return stamp;
     }
     std::uint32_t Home(const Stamp& stamp) const;
     // The slot holding `stamp`, or the free slot where it belongs.
@@ -120,7 +128,7 @@ private:
     // Puts `entry` in front of the list of `stamp`.
     void Wait(std::int32_t entry, const Stamp& stamp) {
         Slot& slot = m_slots[m_lastValid && m_lastStamp == stamp ? m_lastSlot : SlotFor(stamp)];
-        m_hot[entry].next = slot.head;
+        m_next[entry] = slot.head;
         slot.head = entry;
     }
     // The rest of the batch waits again under its stamp, in its order (a store went back in time).
@@ -133,16 +141,43 @@ private:
     Stamp HeapPop();
     void Prefetch(std::int32_t entry) const {
 #if defined(__GNUC__) || defined(__clang__)
-        __builtin_prefetch(&Current(entry));
+        __builtin_prefetch(Current(entry));
 #else
         (void)entry;
 #endif
     }
+    void PrefetchHot(std::int32_t entry) const {
+#if defined(__GNUC__) || defined(__clang__)
+        __builtin_prefetch(&m_hot[entry]);
+#else
+        (void)entry;
+#endif
+    }
+    // Starts prefetching the current batch: the items of its first kPrefetchDistance entries, the
+    // entry state of as many more.
+    void PrefetchBatch() {
+        m_ahead = m_batch;
+        for (unsigned i = 0; i < kPrefetchDistance && m_ahead >= 0; ++i, m_ahead = m_next[m_ahead]) Prefetch(m_ahead);
+        m_link = m_ahead;
+        for (unsigned i = 0; i < kPrefetchDistance && m_link >= 0; ++i, m_link = m_next[m_link]) PrefetchHot(m_link);
+    }
+    // One step of both prefetch cursors. The links are a small array of their own, so walking
+    // them ahead meets no cache miss; the entry state comes kPrefetchDistance events before the
+    // item prefetch needs it, and the item as long before the event.
+    void PrefetchStep() {
+        if (m_ahead < 0) return;
+        Prefetch(m_ahead);
+        m_ahead = m_next[m_ahead];
+        if (m_link < 0) return;
+        PrefetchHot(m_link);
+        m_link = m_next[m_link];
+    }
 
     Hot* m_hot = nullptr;           // one per source, in entry order
+    std::int32_t* m_next = nullptr; // per entry, the entry after it in its list; -1 at the end
     Cold* m_cold = nullptr;         // one per source, in entry order
-    Decoded* m_decoded = nullptr;   // the entries' decoded events, one run of `room` per entry
-    std::uint64_t m_decodedCount = 0;
+    unsigned char* m_decoded = nullptr;  // the entries' decoded events, one run of `room` items per entry
+    std::uint64_t m_decodedBytes = 0;
     std::int32_t m_entryCount = 0;  // entries constructed so far
     Slot* m_slots = nullptr;        // open-addressed with linear probing; a power of two of them
     std::uint32_t m_mask = 0;       // slot count - 1
@@ -153,6 +188,8 @@ private:
     Stamp m_lastStamp{0, 0};        // ... and its stamp, valid while m_lastValid (erasing moves slots)
     bool m_lastValid = false;
     std::int32_t m_batch = -1;      // the current entry, head of the current batch; -1 when none
+    std::int32_t m_ahead = -1;      // the batch's entry kPrefetchDistance after it, item prefetched next; -1 when none
+    std::int32_t m_link = -1;       // the entry as far after that, entry state prefetched next; -1 when none
     Stamp m_now{0, 0};              // the current batch's stamp
 };
 
@@ -160,12 +197,12 @@ inline bool KEventMerge::Next() {
     if (m_batch < 0) return false;
     const std::int32_t e = m_batch;
     Hot& hot = m_hot[e];
-    m_batch = hot.next;
-    if (m_batch >= 0) Prefetch(m_batch);
+    m_batch = m_next[e];
+    PrefetchStep();
     if (++hot.at < hot.count || Refill(e)) {
         const Stamp stamp = StampOf(e);
         if (stamp == m_now) {  // another event at the same stamp: it is the newest, so it is next
-            hot.next = m_batch;
+            m_next[e] = m_batch;
             m_batch = e;
             return true;
         }
@@ -176,7 +213,7 @@ inline bool KEventMerge::Next() {
 }
 
 inline void KEventMerge::CurrentValue(unsigned char* buffer) const {
-    const unsigned char* value = Current(m_batch).value;
+    const unsigned char* value = Current(m_batch) + kValueAt;
     switch (m_hot[m_batch].valueSize) {
         case 4: std::memcpy(buffer, value, 4); break;
         case 8: std::memcpy(buffer, value, 8); break;
