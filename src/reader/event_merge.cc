@@ -16,6 +16,9 @@ std::uint32_t PowerOfTwoAtLeast(std::uint64_t n) {
     return p;
 }
 
+// The items of an entry whose store holds `events`, decoding up to `ahead` at a time.
+unsigned RoomFor(unsigned events, unsigned ahead) { return events < ahead ? (events > 0 ? events : 1) : ahead; }
+
 template <class T>
 T* AllocateArray(std::size_t count) {
     return static_cast<T*>(Allocate(count * sizeof(T)));
@@ -38,9 +41,14 @@ KEventMerge::KEventMerge(const Vector<Source>& sources) {
         m_hot = AllocateArray<Hot>(n);
         m_next = AllocateArray<std::int32_t>(n);
         m_cold = AllocateArray<Cold>(n);
+        unsigned ahead = kAhead;
+        for (; ahead > kLeastAhead; ahead /= 2) {
+            std::uint64_t bytes = 0;
+            for (const Source& source : sources) bytes += std::uint64_t{RoomFor(source.store->count(), ahead)} * ItemBytes(static_cast<unsigned>(source.store->GetSize()));
+            if (bytes <= kRunBudget) break;
+        }
         for (const Source& source : sources) {
-            const unsigned events = source.store->count();
-            const auto room = static_cast<std::uint8_t>(events < kAhead ? (events > 0 ? events : 1) : kAhead);
+            const auto room = static_cast<std::uint16_t>(RoomFor(source.store->count(), ahead));
             const auto valueSize = static_cast<std::uint8_t>(source.store->GetSize());
             if (m_decodedBytes > 0xFFFFFFFFu - 24u * kAhead) throw std::bad_alloc();  // byte offsets are 32-bit
             m_hot[m_entryCount] = Hot{source.handle, static_cast<std::uint32_t>(m_decodedBytes), room, 0, 0, valueSize, false};
@@ -106,7 +114,7 @@ bool KEventMerge::Refill(std::int32_t entry) {
         case 8: SpreadItems<8>(run, n, times, deltas, values); break;
         default: SpreadItems<0>(run, n, times, deltas, values); break;
     }
-    hot.count = static_cast<std::uint8_t>(n);
+    hot.count = static_cast<std::uint16_t>(n);
     hot.finished = n < hot.room;
     return n > 0;
 }

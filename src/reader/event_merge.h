@@ -71,9 +71,12 @@ public:
     inline void CurrentValue(unsigned char* buffer) const;
 
 private:
-    // Events decoded at a time per entry (fewer for a store that holds fewer). Fewer refills
-    // matter most when thousands of stores take turns; see docs/design.md.
-    static constexpr unsigned kAhead = 64;
+    // Events decoded at a time per entry: at most kAhead (fewer for a store that holds fewer),
+    // halved down to kLeastAhead while the runs would take more than kRunBudget bytes. Fewer
+    // refills matter most when thousands of stores take turns; see docs/design.md.
+    static constexpr unsigned kAhead = 128;
+    static constexpr unsigned kLeastAhead = 32;
+    static constexpr std::uint64_t kRunBudget = std::uint64_t{32} << 20;
     // How far ahead in the current batch the items of the entries to come are prefetched, and
     // (twice as far) their entry state, which the item's address and the list link come from.
     static constexpr unsigned kPrefetchDistance = 8;
@@ -85,9 +88,9 @@ private:
     struct Hot {
         std::int32_t handle;
         std::uint32_t base;      // byte offset of the entry's first item in m_decoded
-        std::uint8_t room;       // the entry's items in m_decoded
-        std::uint8_t at;         // the current event among them
-        std::uint8_t count;      // events decoded into them
+        std::uint16_t room;      // the entry's items in m_decoded
+        std::uint16_t at;        // the current event among them
+        std::uint16_t count;     // events decoded into them
         std::uint8_t valueSize;  // the store's value size (0, 4 or 8)
         bool finished;           // the store has no events beyond those decoded
     };
