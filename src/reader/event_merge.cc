@@ -30,13 +30,14 @@ KEventMerge::KEventMerge(const Vector<Source>& sources) {
     const std::size_t n = sources.size();
     try {
         // Every stamp in the table has an entry waiting on it, so the table never holds more than
-        // n stamps; twice that many slots keep the probe runs short.
-        const std::uint32_t slots = PowerOfTwoAtLeast(2 * static_cast<std::uint64_t>(n) + 2);
-        m_slots = AllocateArray<Slot>(slots);
-        m_mask = slots - 1;
-        m_shift = 64;
-        for (std::uint32_t s = slots; s > 1; s >>= 1) --m_shift;
-        for (std::uint32_t i = 0; i < slots; ++i) m_slots[i] = Slot{0, 0, -1};
+        // n stamps; twice that many slots keep the probe runs short. That room is allocated now,
+        // but the table starts small and doubles when half full, so that it stays in the cache
+        // while few stamps wait (random changes of 10,000 signals keep a few hundred waiting).
+        m_slotRoom = PowerOfTwoAtLeast(2 * static_cast<std::uint64_t>(n) + 2);
+        m_slots = AllocateArray<Slot>(m_slotRoom);
+        m_spare = AllocateArray<Slot>(m_slotRoom / 2);
+        SetSlotCount(m_slotRoom < kFirstSlots ? m_slotRoom : kFirstSlots);
+        for (std::uint32_t i = 0; i <= m_mask; ++i) m_slots[i] = Slot{0, 0, -1};
         m_heap = AllocateArray<Stamp>(n + 1);
         m_hot = AllocateArray<Hot>(n);
         m_next = AllocateArray<std::int32_t>(n);
@@ -76,12 +77,14 @@ void KEventMerge::FreeAll() noexcept {
     Free(m_next);
     Free(m_heap);
     Free(m_slots);
+    Free(m_spare);
     m_decoded = nullptr;
     m_cold = nullptr;
     m_hot = nullptr;
     m_next = nullptr;
     m_heap = nullptr;
     m_slots = nullptr;
+    m_spare = nullptr;
 }
 
 // Writes `n` decoded events into the items at `run`.
@@ -140,9 +143,31 @@ std::uint32_t KEventMerge::Probe(const Stamp& stamp) const {
     return i;
 }
 
+void KEventMerge::SetSlotCount(std::uint32_t slots) {
+    m_mask = slots - 1;
+    m_shift = 64;
+    for (std::uint32_t s = slots; s > 1; s >>= 1) --m_shift;
+}
+
+// Doubles the table: its slots go to the spare array and come back under the wider hash.
+void KEventMerge::GrowSlots() {
+    const std::uint32_t old = m_mask + 1;
+    std::memcpy(m_spare, m_slots, old * sizeof(Slot));
+    SetSlotCount(2 * old);
+    for (std::uint32_t i = 0; i <= m_mask; ++i) m_slots[i].head = -1;
+    for (std::uint32_t j = 0; j < old; ++j) {
+        if (m_spare[j].head >= 0) m_slots[Probe(Stamp{m_spare[j].time, m_spare[j].delta})] = m_spare[j];
+    }
+    m_lastValid = false;
+}
+
 std::uint32_t KEventMerge::SlotFor(const Stamp& stamp) {
-    const std::uint32_t i = Probe(stamp);
+    std::uint32_t i = Probe(stamp);
     if (m_slots[i].head < 0) {  // a new stamp (its list is filled by the caller)
+        if (2 * (m_heapSize + 1) > m_mask + 1 && m_mask + 1 < m_slotRoom) {
+            GrowSlots();
+            i = Probe(stamp);
+        }
         m_slots[i] = Slot{stamp.time, stamp.delta, -1};
         HeapPush(stamp);
     }

@@ -80,6 +80,8 @@ private:
     // How far ahead in the current batch the items of the entries to come are prefetched, and
     // (twice as far) their entry state, which the item's address and the list link come from.
     static constexpr unsigned kPrefetchDistance = 8;
+    // The stamp table's slots at the start of a pass (fewer when the entries need fewer).
+    static constexpr std::uint32_t kFirstSlots = 256;
     // A decoded event: the time at byte 0, the delta at 8, the value bytes at 12 (4 or 8 of
     // them); items are 16 bytes apart, 24 for stores of 8-byte values.
     static constexpr unsigned kTimeAt = 0, kDeltaAt = 8, kValueAt = 12;
@@ -128,9 +130,13 @@ private:
     std::uint32_t Probe(const Stamp& stamp) const;
     // The slot of `stamp`, made (with an empty list, and pushed on the heap) when it has none.
     std::uint32_t SlotFor(const Stamp& stamp);
+    void SetSlotCount(std::uint32_t slots);
+    // Doubles the slots in use (within m_slotRoom). Moves slots: m_lastSlot becomes invalid.
+    void GrowSlots();
     // Puts `entry` in front of the list of `stamp`.
     void Wait(std::int32_t entry, const Stamp& stamp) {
-        Slot& slot = m_slots[m_lastValid && m_lastStamp == stamp ? m_lastSlot : SlotFor(stamp)];
+        const std::uint32_t i = m_lastValid && m_lastStamp == stamp ? m_lastSlot : SlotFor(stamp);
+        Slot& slot = m_slots[i];
         m_next[entry] = slot.head;
         slot.head = entry;
     }
@@ -183,6 +189,8 @@ private:
     std::uint64_t m_decodedBytes = 0;
     std::int32_t m_entryCount = 0;  // entries constructed so far
     Slot* m_slots = nullptr;        // open-addressed with linear probing; a power of two of them
+    Slot* m_spare = nullptr;        // room for the slots while the table doubles (half of m_slotRoom)
+    std::uint32_t m_slotRoom = 0;   // the slots allocated; the table uses the first m_mask + 1
     std::uint32_t m_mask = 0;       // slot count - 1
     int m_shift = 0;                // 64 - log2(slot count), for the multiplicative hash
     Stamp* m_heap = nullptr;        // min-heap of the stamps that have a slot
