@@ -124,7 +124,7 @@ bool KEventMerge::Refill(std::int32_t entry) {
 
 // Fibonacci hashing of the time with the delta folded in (deltas are small, times are often
 // multiples of a period: the multiplication spreads both over the top bits).
-std::uint32_t KEventMerge::Home(const Stamp& stamp) const {
+std::uint32_t KEventMerge::Home(Stamp stamp) const {
     const std::uint64_t key =
         static_cast<std::uint64_t>(stamp.time) ^ (static_cast<std::uint64_t>(static_cast<std::uint32_t>(stamp.delta)) * 0xFF51AFD7ED558CCDull);
     return static_cast<std::uint32_t>((key * 0x9E3779B97F4A7C15ull) >> m_shift);
@@ -137,7 +137,7 @@ bool KEventMerge::Start() {
     return TakeSmallest();
 }
 
-std::uint32_t KEventMerge::Probe(const Stamp& stamp) const {
+std::uint32_t KEventMerge::Probe(Stamp stamp) const {
     std::uint32_t i = Home(stamp);
     while (m_slots[i].head >= 0 && !(m_slots[i].time == stamp.time && m_slots[i].delta == stamp.delta)) i = (i + 1) & m_mask;
     return i;
@@ -161,7 +161,7 @@ void KEventMerge::GrowSlots() {
     m_lastValid = false;
 }
 
-std::uint32_t KEventMerge::SlotFor(const Stamp& stamp) {
+std::uint32_t KEventMerge::SlotFor(Stamp stamp) {
     std::uint32_t i = Probe(stamp);
     if (m_slots[i].head < 0) {  // a new stamp (its list is filled by the caller)
         if (2 * (m_heapSize + 1) > m_mask + 1 && m_mask + 1 < m_slotRoom) {
@@ -211,7 +211,7 @@ void KEventMerge::EraseSlot(std::uint32_t hole) {
     m_slots[hole].head = -1;
 }
 
-void KEventMerge::HeapPush(const Stamp& stamp) {
+void KEventMerge::HeapPush(Stamp stamp) {
     std::uint32_t i = m_heapSize++;
     while (i > 0) {
         const std::uint32_t parent = (i - 1) / 2;

@@ -125,16 +125,16 @@ private:
         std::memcpy(&stamp.delta, item + kDeltaAt, sizeof stamp.delta);
         return stamp;
     }
-    std::uint32_t Home(const Stamp& stamp) const;
+    std::uint32_t Home(Stamp stamp) const;
     // The slot holding `stamp`, or the free slot where it belongs.
-    std::uint32_t Probe(const Stamp& stamp) const;
+    std::uint32_t Probe(Stamp stamp) const;
     // The slot of `stamp`, made (with an empty list, and pushed on the heap) when it has none.
-    std::uint32_t SlotFor(const Stamp& stamp);
+    std::uint32_t SlotFor(Stamp stamp);
     void SetSlotCount(std::uint32_t slots);
     // Doubles the slots in use (within m_slotRoom). Moves slots: m_lastSlot becomes invalid.
     void GrowSlots();
     // Puts `entry` in front of the list of `stamp`.
-    void Wait(std::int32_t entry, const Stamp& stamp) {
+    void Wait(std::int32_t entry, Stamp stamp) {
         const std::uint32_t i = m_lastValid && m_lastStamp == stamp ? m_lastSlot : SlotFor(stamp);
         Slot& slot = m_slots[i];
         m_next[entry] = slot.head;
@@ -146,7 +146,7 @@ private:
     bool TakeSmallest();
     // Removes the slot at `index`, moving later slots of its probe run back.
     void EraseSlot(std::uint32_t index);
-    void HeapPush(const Stamp& stamp);
+    void HeapPush(Stamp stamp);
     Stamp HeapPop();
     void Prefetch(std::int32_t entry) const {
 #if defined(__GNUC__) || defined(__clang__)
