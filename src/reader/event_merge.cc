@@ -45,7 +45,10 @@ KEventMerge::KEventMerge(const Vector<Source>& sources) {
         unsigned ahead = kAhead;
         for (; ahead > kLeastAhead; ahead /= 2) {
             std::uint64_t bytes = 0;
-            for (const Source& source : sources) bytes += std::uint64_t{RoomFor(source.store->count(), ahead)} * ItemBytes(static_cast<unsigned>(source.store->GetSize()));
+            for (const Source& source : sources) {
+                const unsigned valueSize = static_cast<unsigned>(source.store->GetSize());
+                bytes += std::uint64_t{RoomFor(source.store->count(), ahead)} * ItemBytes(valueSize);
+            }
             if (bytes <= kRunBudget) break;
         }
         for (const Source& source : sources) {

@@ -375,7 +375,8 @@ private:
             while (time < end) {
                 const std::uint64_t value = m_runValues[w * kBatch + static_cast<std::size_t>(walker.at)];
                 ++m_done;
-                const int64 next = ++walker.at < walker.count || Refill(w) ? m_runTimes[w * kBatch + static_cast<std::size_t>(walker.at)] : INT64_MAX;
+                const bool more = ++walker.at < walker.count || Refill(w);
+                const int64 next = more ? m_runTimes[w * kBatch + static_cast<std::size_t>(walker.at)] : INT64_MAX;
                 if (next != time) {  // the last event of its time: a later delta overrides
                     std::uint32_t stored = static_cast<std::uint32_t>(value);
                     if (walker.wide) {
