@@ -163,8 +163,33 @@ void BM_RawWalk(benchmark::State& state) {
     Report(state, o, 0);
 }
 
+// The same stores walked one after the other in batches of 64 events (GetNextEvents).
+void BM_RawWalkBatched(benchmark::State& state) {
+    Opened& o = Open(kWorkloads[state.range(0)]);
+    if (!o.reader) return state.SkipWithError("cannot write or read the file");
+    Tarvel::IRawTarvelRead& raw = *o.reader->GetRawReader();
+    std::vector<const Tarvel::KEventsStore*> stores;
+    for (auto it = raw.BeginSignals(); it != raw.EndSignals(); ++it) stores.push_back(raw.GetSignalData(it));
+    std::uint64_t sum = 0;
+    constexpr int kBatch = 64;
+    int64 times[kBatch];
+    unsigned deltas[kBatch];
+    std::uint32_t values[2 * kBatch];
+    Tarvel::KEventData data;  // bound to each store in turn: a batch on another store starts at its first event
+    for (auto _ : state) {
+        for (const Tarvel::KEventsStore* store : stores) {
+            for (int n; (n = store->GetNextEvents(&data, kBatch, times, deltas, reinterpret_cast<unsigned char*>(values), nullptr)) > 0;) {
+                for (int i = 0; i < n; ++i) sum += values[i] + static_cast<std::uint64_t>(times[i]);
+            }
+        }
+    }
+    benchmark::DoNotOptimize(sum);
+    Report(state, o, 0);
+}
+
 BENCHMARK(BM_MergedPass)->ArgName("bits0_counters1")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_RawWalk)->ArgName("bits0_counters1")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_RawWalkBatched)->ArgName("bits0_counters1")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace
 

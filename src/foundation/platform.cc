@@ -2,6 +2,8 @@
 // Foundation layer. The heap hooks are a process-wide pointer, swapped atomically.
 #include "foundation/platform.h"
 
+#include <sys/mman.h>
+
 #include <atomic>
 #include <cstdlib>
 #include <thread>
@@ -34,6 +36,19 @@ void HeapFree(void* block) noexcept {
 
 const HeapHooks* SetHeapHooks(const HeapHooks* hooks) noexcept {
     return g_hooks.exchange(hooks, std::memory_order_acq_rel);
+}
+
+void AdviseRandomAccess(void* block, std::size_t size) noexcept {
+#if defined(MADV_HUGEPAGE)
+    constexpr std::uintptr_t kLargePage = std::uintptr_t{2} << 20;
+    const auto start = reinterpret_cast<std::uintptr_t>(block);
+    const std::uintptr_t first = (start + kLargePage - 1) & ~(kLargePage - 1);
+    const std::uintptr_t end = (start + size) & ~(kLargePage - 1);
+    if (first < end) madvise(reinterpret_cast<void*>(first), end - first, MADV_HUGEPAGE);
+#else
+    (void)block;
+    (void)size;
+#endif
 }
 
 void Sleep(unsigned milliseconds) noexcept {

@@ -22,6 +22,11 @@ void* HeapAllocate(std::size_t size) noexcept;
 void* HeapReallocate(void* block, std::size_t size) noexcept;
 void HeapFree(void* block) noexcept;
 
+// A hint that the whole large pages (2 MB) within [block, block + size) will be read at random:
+// where the system offers it, they are backed by large pages, which saves the address
+// translations of a walk over many small pages. Never fails; the memory stays as it was.
+void AdviseRandomAccess(void* block, std::size_t size) noexcept;
+
 // Sleeps `milliseconds`; 0 yields the rest of the time slice.
 void Sleep(unsigned milliseconds) noexcept;
 

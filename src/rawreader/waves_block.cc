@@ -86,6 +86,31 @@ private:
     bool m_first = true;       // the next step is the block's first
 };
 
+// While a block is read into the store that all its listed signals share, the signals after the
+// first hold the empty store; on leaving the scope (normally, by a failure or by an exception)
+// each takes the first signal's store and last time again.
+class KSharedBlockGuard {
+public:
+    KSharedBlockGuard(Vector<SignalEntry>& signals, const Vector<std::size_t>& entries) : m_signals(signals), m_entries(entries) {
+        for (std::size_t i = 1; i < m_entries.size(); ++i) {
+            if (m_entries[i] != m_entries[0]) m_signals[m_entries[i]].store = KEventsStore();
+        }
+    }
+    ~KSharedBlockGuard() {
+        const SignalEntry& first = m_signals[m_entries[0]];
+        for (std::size_t i = 1; i < m_entries.size(); ++i) {
+            m_signals[m_entries[i]].store = first.store;
+            m_signals[m_entries[i]].lastTime = first.lastTime;
+        }
+    }
+    KSharedBlockGuard(const KSharedBlockGuard&) = delete;
+    KSharedBlockGuard& operator=(const KSharedBlockGuard&) = delete;
+
+private:
+    Vector<SignalEntry>& m_signals;
+    const Vector<std::size_t>& m_entries;
+};
+
 // Forwards a store's emission into a KBlockSteps (appending one signal's block to another).
 class KStepsForwarder final : public ITimeDeltaWriter {
 public:
@@ -147,12 +172,13 @@ bool KRawTarvelRead::ParseWaves(int& c) {
         shared = shared && entry.store == first->store && entry.lastTime == first->lastTime;
     }
     if (shared) {
-        if (!ParseBlockInto(c, *first, *first)) return BlockFailed();
-        for (std::size_t index : entries) {
-            m_signals[index].store = first->store;
-            m_signals[index].lastTime = first->lastTime;
-        }
-        return true;
+        // The other listed signals let go of the store while the block is appended to it, so
+        // that the first signal holds its body alone and the direct stores append in place;
+        // were they to keep it, every block would copy the whole store (a cost that grows with
+        // the file). They take it back afterwards, also when the block fails or memory runs out:
+        // then every listed signal holds the events read up to the failure.
+        KSharedBlockGuard guard(m_signals, entries);
+        return ParseBlockInto(c, *first, *first) || BlockFailed();
     }
     SignalEntry block;
     block.type = first->type;

@@ -4,6 +4,8 @@
 
 #include <new>
 
+#include "foundation/platform.h"
+
 namespace Tarvel {
 namespace {
 
@@ -13,6 +15,9 @@ std::uint32_t PowerOfTwoAtLeast(std::uint64_t n) {
     while (p < n) p <<= 1;
     return p;
 }
+
+// The items of an entry whose store holds `events`, decoding up to `ahead` at a time.
+unsigned RoomFor(unsigned events, unsigned ahead) { return events < ahead ? (events > 0 ? events : 1) : ahead; }
 
 template <class T>
 T* AllocateArray(std::size_t count) {
@@ -25,26 +30,39 @@ KEventMerge::KEventMerge(const Vector<Source>& sources) {
     const std::size_t n = sources.size();
     try {
         // Every stamp in the table has an entry waiting on it, so the table never holds more than
-        // n stamps; twice that many slots keep the probe runs short.
-        const std::uint32_t slots = PowerOfTwoAtLeast(2 * static_cast<std::uint64_t>(n) + 2);
-        m_slots = AllocateArray<Slot>(slots);
-        m_mask = slots - 1;
-        m_shift = 64;
-        for (std::uint32_t s = slots; s > 1; s >>= 1) --m_shift;
-        for (std::uint32_t i = 0; i < slots; ++i) m_slots[i] = Slot{0, 0, -1};
+        // n stamps; twice that many slots keep the probe runs short. That room is allocated now,
+        // but the table starts small and doubles when half full, so that it stays in the cache
+        // while few stamps wait (random changes of 10,000 signals keep a few hundred waiting).
+        m_slotRoom = PowerOfTwoAtLeast(2 * static_cast<std::uint64_t>(n) + 2);
+        m_slots = AllocateArray<Slot>(m_slotRoom);
+        m_spare = AllocateArray<Slot>(m_slotRoom / 2);
+        SetSlotCount(m_slotRoom < kFirstSlots ? m_slotRoom : kFirstSlots);
+        for (std::uint32_t i = 0; i <= m_mask; ++i) m_slots[i] = Slot{0, 0, -1};
         m_heap = AllocateArray<Stamp>(n + 1);
         m_hot = AllocateArray<Hot>(n);
+        m_next = AllocateArray<std::int32_t>(n);
         m_cold = AllocateArray<Cold>(n);
+        unsigned ahead = kAhead;
+        for (; ahead > kLeastAhead; ahead /= 2) {
+            std::uint64_t bytes = 0;
+            for (const Source& source : sources) {
+                const unsigned valueSize = static_cast<unsigned>(source.store->GetSize());
+                bytes += std::uint64_t{RoomFor(source.store->count(), ahead)} * ItemBytes(valueSize);
+            }
+            if (bytes <= kRunBudget) break;
+        }
         for (const Source& source : sources) {
-            const unsigned events = source.store->count();
-            const auto room = static_cast<std::uint8_t>(events < kAhead ? (events > 0 ? events : 1) : kAhead);
-            m_hot[m_entryCount] = Hot{source.handle, -1, static_cast<std::uint32_t>(m_decodedCount), room, 0, 0,
-                                      static_cast<std::uint8_t>(source.store->GetSize()), false};
-            m_decodedCount += room;
+            const auto room = static_cast<std::uint16_t>(RoomFor(source.store->count(), ahead));
+            const auto valueSize = static_cast<std::uint8_t>(source.store->GetSize());
+            if (m_decodedBytes > 0xFFFFFFFFu - 24u * kAhead) throw std::bad_alloc();  // byte offsets are 32-bit
+            m_hot[m_entryCount] = Hot{source.handle, static_cast<std::uint32_t>(m_decodedBytes), room, 0, 0, valueSize, false};
+            m_next[m_entryCount] = -1;
+            m_decodedBytes += std::uint64_t{room} * ItemBytes(valueSize);
             new (&m_cold[m_entryCount]) Cold(source.store);
             ++m_entryCount;
         }
-        m_decoded = AllocateArray<Decoded>(m_decodedCount);
+        m_decoded = static_cast<unsigned char*>(Allocate(m_decodedBytes));
+        Platform::AdviseRandomAccess(m_decoded, m_decodedBytes);
     } catch (...) {
         FreeAll();
         throw;
@@ -59,40 +77,57 @@ void KEventMerge::FreeAll() noexcept {
     Free(m_decoded);
     Free(m_cold);
     Free(m_hot);
+    Free(m_next);
     Free(m_heap);
     Free(m_slots);
+    Free(m_spare);
     m_decoded = nullptr;
     m_cold = nullptr;
     m_hot = nullptr;
+    m_next = nullptr;
     m_heap = nullptr;
     m_slots = nullptr;
+    m_spare = nullptr;
 }
 
+// Writes `n` decoded events into the items at `run`.
+template <unsigned kValueSize>
+void KEventMerge::SpreadItems(unsigned char* run, int n, const int64* times, const unsigned* deltas, const unsigned char* values) {
+    unsigned char* item = run;
+    for (int i = 0; i < n; ++i, item += ItemBytes(kValueSize)) {
+        const auto delta = static_cast<std::int32_t>(deltas[i]);
+        std::memcpy(item + kTimeAt, &times[i], 8);
+        std::memcpy(item + kDeltaAt, &delta, 4);
+        if constexpr (kValueSize > 0) std::memcpy(item + kValueAt, values + std::size_t{static_cast<unsigned>(i)} * kValueSize, kValueSize);
+    }
+}
+
+// One batch of the store's next events, spread into the entry's items.
 bool KEventMerge::Refill(std::int32_t entry) {
     Hot& hot = m_hot[entry];
-    Cold& cold = m_cold[entry];
     hot.at = 0;
     hot.count = 0;
     if (hot.finished) return false;
-    const KEventsStore& store = *cold.store;
-    Decoded* run = m_decoded + hot.base;
-    bool ok = cold.started ? store.GetNextEvent(&cold.cursor) : store.GetFirstEvent(&cold.cursor);
-    cold.started = true;
-    for (unsigned n = 0; ok; ok = store.GetNextEvent(&cold.cursor)) {
-        Decoded& d = run[n];
-        d.time = cold.cursor.GetTime();
-        d.delta = static_cast<std::int32_t>(cold.cursor.GetDelta());
-        if (hot.valueSize > 0) cold.cursor.GetValue(d.value, hot.valueSize);
-        hot.count = static_cast<std::uint8_t>(++n);
-        if (n == hot.room) return true;
+    Cold& cold = m_cold[entry];
+    int64 times[kAhead];
+    unsigned deltas[kAhead];
+    unsigned char values[kAhead * 8];
+    const unsigned valueSize = hot.valueSize;
+    const int n = cold.store->GetNextEvents(&cold.cursor, hot.room, times, deltas, valueSize > 0 ? values : nullptr, nullptr);
+    unsigned char* run = m_decoded + hot.base;
+    switch (valueSize) {
+        case 4: SpreadItems<4>(run, n, times, deltas, values); break;
+        case 8: SpreadItems<8>(run, n, times, deltas, values); break;
+        default: SpreadItems<0>(run, n, times, deltas, values); break;
     }
-    hot.finished = true;
-    return hot.count > 0;
+    hot.count = static_cast<std::uint16_t>(n);
+    hot.finished = n < hot.room;
+    return n > 0;
 }
 
 // Fibonacci hashing of the time with the delta folded in (deltas are small, times are often
 // multiples of a period: the multiplication spreads both over the top bits).
-std::uint32_t KEventMerge::Home(const Stamp& stamp) const {
+std::uint32_t KEventMerge::Home(Stamp stamp) const {
     const std::uint64_t key =
         static_cast<std::uint64_t>(stamp.time) ^ (static_cast<std::uint64_t>(static_cast<std::uint32_t>(stamp.delta)) * 0xFF51AFD7ED558CCDull);
     return static_cast<std::uint32_t>((key * 0x9E3779B97F4A7C15ull) >> m_shift);
@@ -105,15 +140,37 @@ bool KEventMerge::Start() {
     return TakeSmallest();
 }
 
-std::uint32_t KEventMerge::Probe(const Stamp& stamp) const {
+std::uint32_t KEventMerge::Probe(Stamp stamp) const {
     std::uint32_t i = Home(stamp);
     while (m_slots[i].head >= 0 && !(m_slots[i].time == stamp.time && m_slots[i].delta == stamp.delta)) i = (i + 1) & m_mask;
     return i;
 }
 
-std::uint32_t KEventMerge::SlotFor(const Stamp& stamp) {
-    const std::uint32_t i = Probe(stamp);
+void KEventMerge::SetSlotCount(std::uint32_t slots) {
+    m_mask = slots - 1;
+    m_shift = 64;
+    for (std::uint32_t s = slots; s > 1; s >>= 1) --m_shift;
+}
+
+// Doubles the table: its slots go to the spare array and come back under the wider hash.
+void KEventMerge::GrowSlots() {
+    const std::uint32_t old = m_mask + 1;
+    std::memcpy(m_spare, m_slots, old * sizeof(Slot));
+    SetSlotCount(2 * old);
+    for (std::uint32_t i = 0; i <= m_mask; ++i) m_slots[i].head = -1;
+    for (std::uint32_t j = 0; j < old; ++j) {
+        if (m_spare[j].head >= 0) m_slots[Probe(Stamp{m_spare[j].time, m_spare[j].delta})] = m_spare[j];
+    }
+    m_lastValid = false;
+}
+
+std::uint32_t KEventMerge::SlotFor(Stamp stamp) {
+    std::uint32_t i = Probe(stamp);
     if (m_slots[i].head < 0) {  // a new stamp (its list is filled by the caller)
+        if (2 * (m_heapSize + 1) > m_mask + 1 && m_mask + 1 < m_slotRoom) {
+            GrowSlots();
+            i = Probe(stamp);
+        }
         m_slots[i] = Slot{stamp.time, stamp.delta, -1};
         HeapPush(stamp);
     }
@@ -124,6 +181,7 @@ std::uint32_t KEventMerge::SlotFor(const Stamp& stamp) {
 }
 
 void KEventMerge::PutBackBatch() {
+    m_ahead = m_link = -1;
     if (m_batch < 0) return;
     m_slots[SlotFor(m_now)].head = m_batch;
     m_batch = -1;
@@ -138,7 +196,7 @@ bool KEventMerge::TakeSmallest() {
     const std::uint32_t i = Probe(m_now);  // every stamp on the heap has its slot
     m_batch = m_slots[i].head;
     EraseSlot(i);
-    Prefetch(m_batch);
+    PrefetchBatch();
     return true;
 }
 
@@ -156,7 +214,7 @@ void KEventMerge::EraseSlot(std::uint32_t hole) {
     m_slots[hole].head = -1;
 }
 
-void KEventMerge::HeapPush(const Stamp& stamp) {
+void KEventMerge::HeapPush(Stamp stamp) {
     std::uint32_t i = m_heapSize++;
     while (i > 0) {
         const std::uint32_t parent = (i - 1) / 2;

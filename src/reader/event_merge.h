@@ -71,22 +71,28 @@ public:
     inline void CurrentValue(unsigned char* buffer) const;
 
 private:
-    // Events decoded at a time per entry (fewer for a store that holds fewer). Fewer refills
-    // matter most when thousands of stores take turns; see docs/design.md.
-    static constexpr unsigned kAhead = 32;
-    struct Decoded {
-        int64 time;
-        std::int32_t delta;
-        unsigned char value[8];  // the store's value bytes (valueSize of them)
-    };
+    // Events decoded at a time per entry: at most kAhead (fewer for a store that holds fewer),
+    // halved down to kLeastAhead while the runs would take more than kRunBudget bytes. Fewer
+    // refills matter most when thousands of stores take turns; see docs/design.md.
+    static constexpr unsigned kAhead = 128;
+    static constexpr unsigned kLeastAhead = 32;
+    static constexpr std::uint64_t kRunBudget = std::uint64_t{32} << 20;
+    // How far ahead in the current batch the items of the entries to come are prefetched, and
+    // (twice as far) their entry state, which the item's address and the list link come from.
+    static constexpr unsigned kPrefetchDistance = 8;
+    // The stamp table's slots at the start of a pass (fewer when the entries need fewer).
+    static constexpr std::uint32_t kFirstSlots = 256;
+    // A decoded event: the time at byte 0, the delta at 8, the value bytes at 12 (4 or 8 of
+    // them); items are 16 bytes apart, 24 for stores of 8-byte values.
+    static constexpr unsigned kTimeAt = 0, kDeltaAt = 8, kValueAt = 12;
+    static unsigned ItemBytes(unsigned valueSize) { return 16 + (valueSize & 8); }
     // What the merge reads for every event of the entry.
     struct Hot {
         std::int32_t handle;
-        std::int32_t next;       // the entry after this one in its list; -1 at the end
-        std::uint32_t base;      // the entry's first item in m_decoded
-        std::uint8_t room;       // the entry's items in m_decoded
-        std::uint8_t at;         // the current event among them
-        std::uint8_t count;      // events decoded into them
+        std::uint32_t base;      // byte offset of the entry's first item in m_decoded
+        std::uint16_t room;      // the entry's items in m_decoded
+        std::uint16_t at;        // the current event among them
+        std::uint16_t count;     // events decoded into them
         std::uint8_t valueSize;  // the store's value size (0, 4 or 8)
         bool finished;           // the store has no events beyond those decoded
     };
@@ -94,8 +100,7 @@ private:
     struct Cold {
         explicit Cold(const KEventsStore* s) : store(s) {}
         const KEventsStore* store;
-        bool started = false;  // the cursor stands on the last decoded event
-        KEventData cursor;
+        KEventData cursor;  // stands on the last event decoded
     };
     // A hash slot: a stamp with waiting entries, and the head of their list (-1: slot free).
     struct Slot {
@@ -107,20 +112,32 @@ private:
     void FreeAll() noexcept;
     // Decodes the entry's next events; false when its store has no more.
     bool Refill(std::int32_t entry);
-    const Decoded& Current(std::int32_t entry) const { return m_decoded[m_hot[entry].base + m_hot[entry].at]; }
-    Stamp StampOf(std::int32_t entry) const {
-        const Decoded& d = Current(entry);
-        return Stamp{d.time, d.delta};
+    template <unsigned kValueSize>
+    static void SpreadItems(unsigned char* run, int n, const int64* times, const unsigned* deltas, const unsigned char* values);
+    const unsigned char* Current(std::int32_t entry) const {
+        const Hot& hot = m_hot[entry];
+        return m_decoded + hot.base + std::size_t{hot.at} * ItemBytes(hot.valueSize);
     }
-    std::uint32_t Home(const Stamp& stamp) const;
+    Stamp StampOf(std::int32_t entry) const {
+        const unsigned char* item = Current(entry);
+        Stamp stamp;
+        std::memcpy(&stamp.time, item + kTimeAt, sizeof stamp.time);
+        std::memcpy(&stamp.delta, item + kDeltaAt, sizeof stamp.delta);
+        return stamp;
+    }
+    std::uint32_t Home(Stamp stamp) const;
     // The slot holding `stamp`, or the free slot where it belongs.
-    std::uint32_t Probe(const Stamp& stamp) const;
+    std::uint32_t Probe(Stamp stamp) const;
     // The slot of `stamp`, made (with an empty list, and pushed on the heap) when it has none.
-    std::uint32_t SlotFor(const Stamp& stamp);
+    std::uint32_t SlotFor(Stamp stamp);
+    void SetSlotCount(std::uint32_t slots);
+    // Doubles the slots in use (within m_slotRoom). Moves slots: m_lastSlot becomes invalid.
+    void GrowSlots();
     // Puts `entry` in front of the list of `stamp`.
-    void Wait(std::int32_t entry, const Stamp& stamp) {
-        Slot& slot = m_slots[m_lastValid && m_lastStamp == stamp ? m_lastSlot : SlotFor(stamp)];
-        m_hot[entry].next = slot.head;
+    void Wait(std::int32_t entry, Stamp stamp) {
+        const std::uint32_t i = m_lastValid && m_lastStamp == stamp ? m_lastSlot : SlotFor(stamp);
+        Slot& slot = m_slots[i];
+        m_next[entry] = slot.head;
         slot.head = entry;
     }
     // The rest of the batch waits again under its stamp, in its order (a store went back in time).
@@ -129,22 +146,51 @@ private:
     bool TakeSmallest();
     // Removes the slot at `index`, moving later slots of its probe run back.
     void EraseSlot(std::uint32_t index);
-    void HeapPush(const Stamp& stamp);
+    void HeapPush(Stamp stamp);
     Stamp HeapPop();
     void Prefetch(std::int32_t entry) const {
 #if defined(__GNUC__) || defined(__clang__)
-        __builtin_prefetch(&Current(entry));
+        __builtin_prefetch(Current(entry));
 #else
         (void)entry;
 #endif
     }
+    void PrefetchHot(std::int32_t entry) const {
+#if defined(__GNUC__) || defined(__clang__)
+        __builtin_prefetch(&m_hot[entry]);
+#else
+        (void)entry;
+#endif
+    }
+    // Starts prefetching the current batch: the items of its first kPrefetchDistance entries, the
+    // entry state of as many more.
+    void PrefetchBatch() {
+        m_ahead = m_batch;
+        for (unsigned i = 0; i < kPrefetchDistance && m_ahead >= 0; ++i, m_ahead = m_next[m_ahead]) Prefetch(m_ahead);
+        m_link = m_ahead;
+        for (unsigned i = 0; i < kPrefetchDistance && m_link >= 0; ++i, m_link = m_next[m_link]) PrefetchHot(m_link);
+    }
+    // One step of both prefetch cursors. The links are a small array of their own, so walking
+    // them ahead meets no cache miss; the entry state comes kPrefetchDistance events before the
+    // item prefetch needs it, and the item as long before the event.
+    void PrefetchStep() {
+        if (m_ahead < 0) return;
+        Prefetch(m_ahead);
+        m_ahead = m_next[m_ahead];
+        if (m_link < 0) return;
+        PrefetchHot(m_link);
+        m_link = m_next[m_link];
+    }
 
     Hot* m_hot = nullptr;           // one per source, in entry order
+    std::int32_t* m_next = nullptr; // per entry, the entry after it in its list; -1 at the end
     Cold* m_cold = nullptr;         // one per source, in entry order
-    Decoded* m_decoded = nullptr;   // the entries' decoded events, one run of `room` per entry
-    std::uint64_t m_decodedCount = 0;
+    unsigned char* m_decoded = nullptr;  // the entries' decoded events, one run of `room` items per entry
+    std::uint64_t m_decodedBytes = 0;
     std::int32_t m_entryCount = 0;  // entries constructed so far
     Slot* m_slots = nullptr;        // open-addressed with linear probing; a power of two of them
+    Slot* m_spare = nullptr;        // room for the slots while the table doubles (half of m_slotRoom)
+    std::uint32_t m_slotRoom = 0;   // the slots allocated; the table uses the first m_mask + 1
     std::uint32_t m_mask = 0;       // slot count - 1
     int m_shift = 0;                // 64 - log2(slot count), for the multiplicative hash
     Stamp* m_heap = nullptr;        // min-heap of the stamps that have a slot
@@ -153,6 +199,8 @@ private:
     Stamp m_lastStamp{0, 0};        // ... and its stamp, valid while m_lastValid (erasing moves slots)
     bool m_lastValid = false;
     std::int32_t m_batch = -1;      // the current entry, head of the current batch; -1 when none
+    std::int32_t m_ahead = -1;      // the batch's entry kPrefetchDistance after it, item prefetched next; -1 when none
+    std::int32_t m_link = -1;       // the entry as far after that, entry state prefetched next; -1 when none
     Stamp m_now{0, 0};              // the current batch's stamp
 };
 
@@ -160,12 +208,12 @@ inline bool KEventMerge::Next() {
     if (m_batch < 0) return false;
     const std::int32_t e = m_batch;
     Hot& hot = m_hot[e];
-    m_batch = hot.next;
-    if (m_batch >= 0) Prefetch(m_batch);
+    m_batch = m_next[e];
+    PrefetchStep();
     if (++hot.at < hot.count || Refill(e)) {
         const Stamp stamp = StampOf(e);
         if (stamp == m_now) {  // another event at the same stamp: it is the newest, so it is next
-            hot.next = m_batch;
+            m_next[e] = m_batch;
             m_batch = e;
             return true;
         }
@@ -176,7 +224,7 @@ inline bool KEventMerge::Next() {
 }
 
 inline void KEventMerge::CurrentValue(unsigned char* buffer) const {
-    const unsigned char* value = Current(m_batch).value;
+    const unsigned char* value = Current(m_batch) + kValueAt;
     switch (m_hot[m_batch].valueSize) {
         case 4: std::memcpy(buffer, value, 4); break;
         case 8: std::memcpy(buffer, value, 8); break;

@@ -99,6 +99,16 @@ public:
         return offset + kSpanBytes <= allocated ? m_chunks[chunk] + offset : nullptr;
     }
 
+    // A pointer to the byte at `pos` (pos < size()) and, in *readable, the bytes from there to the
+    // end of its allocation (bytes past size() among them are unspecified). Batched readers decode
+    // in place as far as that reaches.
+    const unsigned char* Window(std::uint64_t pos, std::uint32_t* readable) const {
+        const std::uint64_t chunk = pos >> ChunkBits;
+        const std::uint32_t offset = static_cast<std::uint32_t>(pos & kChunkMask);
+        *readable = (chunk + 1 < m_count ? kChunkSize : m_lastCapacity) - offset;
+        return m_chunks[chunk] + offset;
+    }
+
     // Returns a pointer to kSpanBytes bytes starting at `pos` (pos < size()): into the chunk when
     // they lie in one allocation, else assembled into `scratch`. Bytes past size() are
     // unspecified; callers check code lengths against size().

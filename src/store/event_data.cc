@@ -1,5 +1,7 @@
 // Walking a store: KEventData, KEventsStoreCache, and the positioning members of KEventsStore.
 // Store layer; a cursor and the handle it walks belong to one thread at a time.
+#include <cstring>
+
 #include "store/event_cursor.h"
 #include "tarvel/events_store.h"
 
@@ -159,6 +161,67 @@ bool KEventsStore::GetNextEvent(KEventData* data, const int64& span, bool* skipp
         }
     }
     return GetNextEvent(data);
+}
+
+namespace {
+
+// The values of events first .. first + count - 1 into `values` (the store's value size each);
+// events without a kept value get zero bytes. Static dispatch on the value kind, once per batch.
+void ReadValues(const KEventsStoreBody& body, std::int64_t first, std::uint32_t count, unsigned char* values,
+                PackCursor* cursor) {
+    std::uint32_t read = 0;
+    unsigned size = 0;
+    switch (body.valueKind) {
+        case ValueKind::kSize1:
+            read = static_cast<const KValueStore<4, 1>*>(body.values)->ReadValues(first, count, values, cursor);
+            size = 4;
+            break;
+        case ValueKind::kSize4:
+            read = static_cast<const KValueStore<4, 4>*>(body.values)->ReadValues(first, count, values, cursor);
+            size = 4;
+            break;
+        case ValueKind::kSize8:
+            read = static_cast<const KValueStore<8, 8>*>(body.values)->ReadValues(first, count, values, cursor);
+            size = 8;
+            break;
+        case ValueKind::kNone: return;
+    }
+    if (read < count) std::memset(values + std::size_t{read} * size, 0, std::size_t{count - read} * size);
+}
+
+void ReadSources(const KEventsStoreBody& body, std::int64_t first, std::uint32_t count, int* sources, PackCursor* cursor) {
+    std::uint32_t read = 0;
+    if (body.sources) {
+        read = body.sources->ReadRange(first, count, cursor,
+                                       [sources](std::uint32_t k, std::uint32_t source) { sources[k] = static_cast<int>(source); });
+    }
+    for (std::uint32_t k = read; k < count; ++k) sources[k] = 0;
+}
+
+}  // namespace
+
+int KEventsStore::GetNextEvents(KEventData* data, int capacity, int64* times, unsigned* deltas, unsigned char* values,
+                                int* sources) const {
+    if (capacity <= 0) return 0;
+    EventCursor* c = data->m_cursor;
+    unsigned n = 0;
+    if (c->handle != this || c->body != m_body) {  // as GetNextEvent: start at the first event
+        if (!GetFirstEvent(0, data, nullptr)) return 0;
+        times[0] = c->time;
+        deltas[0] = c->delta;
+        n = 1;
+    }
+    const std::int64_t first = std::int64_t{c->index} + 1 - static_cast<std::int64_t>(n);  // index of times[0]
+    std::uint64_t time = static_cast<std::uint64_t>(c->time);
+    const unsigned steps = m_body->timeDeltas.NextSteps(&c->steps, &time, static_cast<unsigned>(capacity) - n, times + n, deltas + n);
+    n += steps;
+    if (n == 0) return 0;
+    c->index += static_cast<std::int32_t>(steps);
+    c->time = times[n - 1];
+    c->delta = deltas[n - 1];
+    if (values) ReadValues(*m_body, first, n, values, &c->values);
+    if (sources) ReadSources(*m_body, first, n, sources, &c->sources);
+    return static_cast<int>(n);
 }
 
 void KEventsStore::Cache(KEventData* data, KEventsStoreCache* cache) const {

@@ -154,6 +154,34 @@ public:
         return true;
     }
 
+    // Reads `count` items from `index` on (fewer when the packer holds fewer), handing item
+    // index + k to out(k, item); returns how many were read. A forward batch decodes each record
+    // header once and unpacks a literal record's items in place where they lie in one chunk.
+    template <class Out>
+    std::uint32_t ReadRange(std::int64_t index, std::uint32_t count, PackCursor* cursor, Out&& out) const {
+        if (index < 0) return 0;
+        std::uint32_t done = 0;
+        while (done < count) {
+            const std::int64_t i = index + done;
+            if (i >= m_coded) {  // items the search still holds back (a store not yet closed)
+                const std::int64_t held = i - m_coded;
+                if (!m_finder || static_cast<std::uint64_t>(held) >= m_finder->Held()) break;
+                out(done++, m_finder->HeldItem(static_cast<std::uint64_t>(held)));
+                continue;
+            }
+            if (cursor->first < 0 || i < cursor->first) Seat(cursor, 0, 0);
+            while (i >= static_cast<std::int64_t>(cursor->first) + cursor->items) {
+                const std::uint64_t next = cursor->Position() + RecordBytes(cursor->Position());
+                Seat(cursor, next, cursor->first + static_cast<std::int32_t>(cursor->items));
+            }
+            const auto from = static_cast<std::uint32_t>(i - cursor->first);
+            const std::uint32_t take = cursor->items - from < count - done ? cursor->items - from : count - done;
+            ReadItems(cursor->Position(), from, take, [&](std::uint32_t k, Word item) { out(done + k, item); });
+            done += take;
+        }
+        return done;
+    }
+
     // Hands every item to `visitor` in order, as Literals(const Word*, unsigned) and
     // Run(const Word*, unsigned, std::uint64_t) calls; stops when one returns false.
     template <class Visitor>
@@ -271,6 +299,50 @@ private:
         cursor->SetPosition(position);
         cursor->first = first;
         cursor->items = h[0] == kRunTag ? static_cast<std::uint32_t>(PackBytes::Load<std::uint64_t>(h + 2) * h[1]) : h[1];
+    }
+
+    // Items from..from+take-1 of the record at `position`, to out(k, item).
+    template <class Out>
+    void ReadItems(std::uint64_t position, std::uint32_t from, std::uint32_t take, Out&& out) const {
+        unsigned char scratch[ChunkBuffer<14>::kSpanBytes];
+        const unsigned char* h = m_bytes.Span(position, scratch);
+        if (h[0] == kRunTag) {
+            const unsigned length = h[1] < 1 ? 1 : h[1] > kMaxRunPattern ? kMaxRunPattern : h[1];
+            unsigned char words[kMaxRunPattern * sizeof(Word)];
+            m_bytes.Read(position + kRunHeader, words, length * static_cast<std::uint32_t>(sizeof(Word)));
+            Word pattern[kMaxRunPattern];
+            for (unsigned j = 0; j < length; ++j) pattern[j] = PackBytes::Load<Word>(words + j * sizeof(Word));
+            unsigned slot = from % length;
+            for (std::uint32_t k = 0; k < take; ++k) {
+                out(k, pattern[slot]);
+                slot = slot + 1 == length ? 0 : slot + 1;
+            }
+            return;
+        }
+        const unsigned width = h[2];
+        const Word base = PackBytes::Load<Word>(h + 3);
+        if (width == 0) {
+            for (std::uint32_t k = 0; k < take; ++k) out(k, base);
+            return;
+        }
+        // In place when the items read and the 8 bytes a load may take past them lie in one chunk.
+        std::uint32_t readable = 0;
+        const unsigned char* data = m_bytes.Window(position + kLiteralHeader, &readable);
+        const std::uint64_t end = width == 64 ? std::uint64_t{from + take} * 8 : (std::uint64_t{from + take} * width + 7) / 8;
+        if (end + 8 > readable) {
+            for (std::uint32_t k = 0; k < take; ++k) out(k, ItemAt(position, from + k));
+            return;
+        }
+        if (width == 64) {
+            for (std::uint32_t k = 0; k < take; ++k) out(k, static_cast<Word>(PackBytes::Load<std::uint64_t>(data + std::uint64_t{from + k} * 8)));
+            return;
+        }
+        const std::uint64_t mask = (std::uint64_t{1} << width) - 1;
+        std::uint64_t bit = std::uint64_t{from} * width;
+        for (std::uint32_t k = 0; k < take; ++k, bit += width) {
+            const std::uint64_t raw = PackBytes::Load<std::uint64_t>(data + bit / 8) >> (bit % 8);
+            out(k, static_cast<Word>(base + static_cast<Word>(raw & mask)));
+        }
     }
 
     // Item `i` of the record at `position`.

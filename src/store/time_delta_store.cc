@@ -163,6 +163,87 @@ StepResult KTimeDeltaStore::ReadCode(TimeCursor* cursor, TimeDelta* step) const 
     }
 }
 
+unsigned KTimeDeltaStore::NextSteps(TimeCursor* cursor, std::uint64_t* time, unsigned capacity, int64* times,
+                                    unsigned* deltas) const {
+    unsigned n = 0;
+    while (n < capacity) {
+        if (cursor->runLeft > 0) {
+            n += NextRunSteps(cursor, time, capacity - n, times + n, deltas + n);
+            continue;
+        }
+        if (const unsigned singles = NextSingleSteps(cursor, time, capacity - n, times + n, deltas + n)) {
+            n += singles;
+            continue;
+        }
+        // A repeat code, the end, or a code that straddles chunks: the general path.
+        TimeDelta step;
+        if (ReadCode(cursor, &step) != StepResult::kStep) break;
+        *time += static_cast<std::uint64_t>(step.difference);
+        times[n] = static_cast<int64>(*time);
+        deltas[n] = step.delta;
+        ++n;
+    }
+    return n;
+}
+
+unsigned KTimeDeltaStore::NextRunSteps(TimeCursor* cursor, std::uint64_t* time, unsigned capacity, int64* times,
+                                       unsigned* deltas) const {
+    const unsigned take = cursor->runLeft < static_cast<int64>(capacity) ? static_cast<unsigned>(cursor->runLeft) : capacity;
+    std::uint64_t t = *time;
+    if (cursor->length == 1) {  // a clock or a counter's period: the common run
+        const std::uint64_t difference = static_cast<std::uint64_t>(cursor->pattern[0].difference);
+        const unsigned delta = cursor->pattern[0].delta;
+        for (unsigned k = 0; k < take; ++k) {
+            t += difference;
+            times[k] = static_cast<int64>(t);
+            deltas[k] = delta;
+        }
+    } else {
+        unsigned next = cursor->next;
+        for (unsigned k = 0; k < take; ++k) {
+            const TimeDelta& step = cursor->pattern[next];
+            t += static_cast<std::uint64_t>(step.difference);
+            times[k] = static_cast<int64>(t);
+            deltas[k] = step.delta;
+            next = next + 1 == cursor->length ? 0 : next + 1;
+        }
+        cursor->next = static_cast<std::uint8_t>(next);
+    }
+    cursor->runLeft -= take;
+    *time = t;
+    return take;
+}
+
+// Single-step codes decoded where they lie, while each has the 16 readable bytes DecodeStep
+// needs in its chunk's allocation and ends within the stream.
+unsigned KTimeDeltaStore::NextSingleSteps(TimeCursor* cursor, std::uint64_t* time, unsigned capacity, int64* times,
+                                          unsigned* deltas) const {
+    const std::uint64_t position = cursor->position;
+    const std::uint64_t size = m_bytes.size();
+    if (position >= size) return 0;
+    std::uint32_t readable = 0;
+    const unsigned char* const at = m_bytes.Window(position, &readable);
+    const std::uint64_t left = size - position;
+    std::uint64_t t = *time;
+    std::uint32_t used = 0;
+    unsigned n = 0;
+    while (n < capacity && used + 16 <= readable) {
+        const unsigned char op = at[used];
+        if (op >= kFirstRepeatCode) break;
+        const unsigned length = StepCodeLength(op);
+        if (used + length > left) break;
+        const TimeDelta step = DecodeStep(at + used);
+        used += length;
+        t += static_cast<std::uint64_t>(step.difference);
+        times[n] = static_cast<int64>(t);
+        deltas[n] = step.delta;
+        ++n;
+    }
+    cursor->position = position + used;
+    *time = t;
+    return n;
+}
+
 bool KTimeDeltaStore::Emit(ITimeDeltaWriter* writer) const {
     unsigned char scratch[TimeDeltaBytes::kSpanBytes];
     std::uint64_t position = 0;

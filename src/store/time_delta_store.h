@@ -100,6 +100,11 @@ public:
         }
         return ReadCode(cursor, step);
     }
+    // Batched walking: decodes up to `capacity` steps from `cursor` on, adding each difference to
+    // *time (wrapping) and writing the event's time and delta to times[i] and deltas[i]; repeat
+    // codes are expanded. Stops early at the end code, the end of the bytes or an invalid code.
+    // Returns the number of steps; the cursor then stands after the last.
+    unsigned NextSteps(TimeCursor* cursor, std::uint64_t* time, unsigned capacity, int64* times, unsigned* deltas) const;
     // Emits the stream's codes in order (single steps and repeats), stopping at the end code.
     bool Emit(ITimeDeltaWriter* writer) const;
 
@@ -127,6 +132,9 @@ private:
         2 * (kMaxRepeatHeaderBytes + kMaxPatternLength * kMaxStepBytes) + (Finder::kMaxLiteralBatch + kMaxPatternLength) * kMaxStepBytes;
 
     StepResult ReadCode(TimeCursor* cursor, TimeDelta* step) const;
+    // NextSteps' two parts: steps of the current repeat code, and single-step codes in place.
+    unsigned NextRunSteps(TimeCursor* cursor, std::uint64_t* time, unsigned capacity, int64* times, unsigned* deltas) const;
+    unsigned NextSingleSteps(TimeCursor* cursor, std::uint64_t* time, unsigned capacity, int64* times, unsigned* deltas) const;
     void AppendDirectStepSlow(const TimeDelta& step);
     // REQUIRES: room for one repeat code.
     void AppendRepeat(const TimeDelta* pattern, unsigned length, std::uint64_t repetitions,

@@ -305,5 +305,75 @@ TEST(RawReader, TruncatedFilesAreRefusedWithoutFaults) {
     }
 }
 
+// Bodies made since the last call: the serial numbers count every body made, so a fresh store's
+// number tells how many were made in between.
+int BodiesMadeSince(int* last) {
+    KEventsStore probe;
+    probe.SetSize(4);  // copies the shared empty body: a new serial number
+    const int made = probe.GetNr() - *last - 1;
+    *last = probe.GetNr();
+    return made;
+}
+
+// Signals whose events stay equal share one store block after block: appending a block to it must
+// not copy it (a copy per block grows with the file). Four signals equal throughout and a fifth
+// that leaves them halfway, over `blocks` flushes; returns the bodies the parse made.
+int BodiesMadeReading(const std::string& path, int blocks) {
+    {
+        ITarvelWrite* w = CreateStreamWriteTimed(path.c_str());
+        W(w);
+        for (int s = 0; s < 5; ++s) {
+            W(w->SetTypeInfo(s, "i#7#integer"));
+            W(w->StoreSignal(s, kPortOut, -1, 0, ("s" + std::to_string(s)).c_str(), 0));
+        }
+        for (int b = 0; b < blocks; ++b) {
+            for (std::int32_t i = 0; i < 8; ++i) {
+                W(w->SetTime(100 * b + 3 * i + 1));
+                const std::int32_t value = 8 * b + i, other = -value;
+                for (int s = 0; s < 5; ++s) {
+                    W(w->StoreValue(s, reinterpret_cast<const unsigned char*>(s == 4 && b >= blocks / 2 ? &other : &value)));
+                }
+            }
+            W(w->Flush());
+        }
+        W(w->Commit());
+        W(w->Release());
+    }
+    int last = 0;
+    BodiesMadeSince(&last);
+    Reader reader = Open(path);
+    const int made = BodiesMadeSince(&last);
+    EXPECT_NE(reader, nullptr);
+    if (!reader) return made;
+    std::vector<const KEventsStore*> stores;
+    for (auto it = reader->BeginSignals(); it != reader->EndSignals(); ++it) stores.push_back(reader->GetSignalData(it));
+    EXPECT_EQ(stores.size(), 5u);
+    for (std::size_t s = 0; s < stores.size(); ++s) {
+        SCOPED_TRACE("signal " + std::to_string(s) + " of a file of " + std::to_string(blocks) + " blocks");
+        EXPECT_EQ(*stores[s] == *stores[0], s < 4) << "equal signals share one store, the one that left does not";
+        std::vector<std::pair<int64, std::int32_t>> expected, got;
+        for (int n = 0; n < 8 * blocks; ++n) {
+            const int b = n / 8, value = 8 * b + n % 8;
+            expected.emplace_back(100 * b + 3 * (n % 8) + 1, s == 4 && b >= blocks / 2 ? -value : value);
+        }
+        KEventData data;
+        for (bool ok = stores[s]->GetFirstEvent(&data); ok; ok = stores[s]->GetNextEvent(&data)) {
+            std::int32_t value = 0;
+            data.GetValue(reinterpret_cast<unsigned char*>(&value), 4);
+            got.emplace_back(data.GetTime(), value);
+        }
+        EXPECT_TRUE(got == expected);
+    }
+    return made;
+}
+
+TEST(RawReader, SharedStoresAreAppendedInPlaceBlockAfterBlock) {
+    ScratchFolder folder;
+    const int few = BodiesMadeReading(folder.File("few.twf"), 8);
+    const int many = BodiesMadeReading(folder.File("many.twf"), 200);
+    EXPECT_EQ(many, few) << "bodies made while reading 8 and 200 blocks";
+    EXPECT_LT(many, 20);
+}
+
 }  // namespace
 }  // namespace Tarvel::Testing

@@ -1,7 +1,8 @@
 // export-vcd on writer-made files: what each kind of signal becomes (scopes, vectors rebuilt
 // from their elements, records and other arrays as scopes, virtual buses, enumerations as
 // strings, integers, reals), the last delta's value per time, the timescale of any resolution,
-// shared codes for equal stores, the same bytes for any window size, and refused files. Tool
+// shared codes for equal stores, the same bytes for any window size, long stores taken in
+// batches, and refused files. Tool
 // tests.
 #include <gtest/gtest.h>
 
@@ -147,6 +148,51 @@ TEST(VcdExport, AnyWindowSizeGivesTheSameBytes) {
         const std::string text = ReadText(folder.File("c.vcd"));
         if (first.empty()) first = text;
         EXPECT_EQ(text, first) << "window of " << window;
+    }
+}
+
+// Stores are decoded in batches: over hundreds of times, with one to three deltas each so that
+// batch edges fall between the deltas of one time, every time shows its last delta's value, for
+// 4-byte, 8-byte and std_logic stores and for windows that cut the batches anywhere.
+TEST(VcdExport, TheLastDeltaWinsAcrossLongStores) {
+    Folder folder;
+    Tarvel::ITarvelWrite* w = Tarvel::CreateStreamWriteTimed(folder.File("long.twf").c_str());
+    W(w);
+    W(w->SetTypeInfo(1, "i#7#integer") && w->StoreSignal(1, Tarvel::kPortSignal, -1, 0, "n", 0));
+    W(w->SetTypeInfo(2, "l#4#time") && w->StoreSignal(2, Tarvel::kPortSignal, -1, 1, "wide", 0));
+    W(w->SetTypeInfo(3, kLogic) && w->StoreSignal(3, Tarvel::kPortSignal, -1, 2, "bit", 0));
+    constexpr int kTimes = 700;
+    for (int t = 0; t < kTimes; ++t) {
+        W(w->SetTime(10 * t + 10));
+        const int deltas = 1 + (t * 7) % 3;
+        for (int d = 0; d < deltas; ++d) {
+            W(w->SetDelta(d));
+            const bool last = d == deltas - 1;
+            Put(*w, 1, last ? static_cast<std::uint64_t>(3 * t + 1) : 999999u);
+            Put(*w, 2, last ? (std::uint64_t{1} << 40) + static_cast<std::uint64_t>(t) : 5u);
+            Put(*w, 3, last ? static_cast<std::uint64_t>(2 + t % 2) : 4u);  // '0'/'1', 'Z' between
+        }
+    }
+    W(w->SetTime(10 * kTimes + 10) && w->Commit() && w->Release());
+    for (std::size_t window : {std::size_t{1} << 20, std::size_t{1}, std::size_t{37}, std::size_t{150}}) {
+        VcdExportOptions options;
+        options.windowEvents = window;
+        ASSERT_TRUE(ExportVcd(folder.File("long.twf"), folder.File("long.vcd"), nullptr, options).ok);
+        const VcdModel model = ReadVcdModel(folder.File("long.vcd"));
+        const auto& n = model.variables.at("n").changes;
+        const auto& wide = model.variables.at("wide").changes;
+        const auto& bit = model.variables.at("bit").changes;
+        ASSERT_EQ(n.size(), static_cast<std::size_t>(kTimes)) << "window of " << window;
+        ASSERT_EQ(wide.size(), static_cast<std::size_t>(kTimes)) << "window of " << window;
+        ASSERT_EQ(bit.size(), static_cast<std::size_t>(kTimes)) << "window of " << window;
+        for (int t = 0; t < kTimes; ++t) {
+            const auto i = static_cast<std::size_t>(t);
+            EXPECT_EQ(n[i].value, std::to_string(3 * t + 1)) << "time index " << t << ", window of " << window;
+            EXPECT_EQ(wide[i].value, std::to_string((std::uint64_t{1} << 40) + static_cast<std::uint64_t>(t))) << t;
+            EXPECT_EQ(bit[i].value, t % 2 ? "1" : "0") << t;
+            EXPECT_EQ(n[i].time, wide[i].time);
+            EXPECT_EQ(n[i].time, bit[i].time);
+        }
     }
 }
 

@@ -265,11 +265,17 @@ private:
     // sorted and written; a merge of all stores event by event (the reader facade's pass) meets
     // every store's state out of cache.
 
+    // A store being walked: its events are decoded kBatch at a time (GetNextEvents) into the
+    // walker's run of m_runTimes and m_runValues, and taken from there.
+    static constexpr int kBatch = 64;
     struct Walker {
         const Tarvel::KEventsStore* store;
-        Tarvel::KEventData cursor;  // on the next event to take
+        Tarvel::KEventData cursor;  // on the last event decoded
         std::uint32_t sink;         // index into m_sinkList
         bool wide;                  // 8-byte values
+        bool narrow;                // 4-byte values (else 8 or none)
+        int at = 0;                 // the next event to take in the run
+        int count = 0;              // events in the run
     };
     struct Record {
         std::uint32_t slot;   // the time's slot in m_slots (then its rank, after sorting)
@@ -286,13 +292,40 @@ private:
         for (std::size_t i = 0; i < m_nodes.size(); ++i) {
             const Tarvel::KEventsStore* store = m_stores[i];
             if (m_sinks[i].var == kNone || !store || store->empty()) continue;
-            Walker walker{store, Tarvel::KEventData(), static_cast<std::uint32_t>(m_sinkList.size()), store->GetSize() == 8};
-            if (!store->GetFirstEvent(&walker.cursor)) continue;
+            const int size = store->GetSize();
+            m_walkers.push_back(Walker{store, Tarvel::KEventData(), static_cast<std::uint32_t>(m_sinkList.size()), size == 8, size == 4});
+            m_runTimes.resize(m_walkers.size() * kBatch);
+            m_runValues.resize(m_walkers.size() * kBatch);
+            if (!Refill(m_walkers.size() - 1)) {
+                m_walkers.pop_back();
+                continue;
+            }
             m_sinkList.push_back(m_sinks[i]);
-            m_next.push_back(walker.cursor.GetTime());
-            m_walkers.push_back(std::move(walker));
+            m_next.push_back(m_runTimes[(m_walkers.size() - 1) * kBatch]);
             m_total += store->count();
         }
+    }
+
+    // Decodes the walker's next events into its run; false when its store has no more. Values
+    // are widened to 8 bytes (the raw reader's 4-byte values are unsigned).
+    bool Refill(std::size_t w) {
+        Walker& walker = m_walkers[w];
+        int64* times = &m_runTimes[w * kBatch];
+        std::uint64_t* values = &m_runValues[w * kBatch];
+        unsigned deltas[kBatch];
+        int n;
+        if (walker.wide) {
+            n = walker.store->GetNextEvents(&walker.cursor, kBatch, times, deltas, reinterpret_cast<unsigned char*>(values), nullptr);
+        } else {
+            std::uint32_t narrow[kBatch];
+            n = walker.store->GetNextEvents(&walker.cursor, kBatch, times, deltas,
+                                            walker.narrow ? reinterpret_cast<unsigned char*>(narrow) : nullptr, nullptr);
+            if (!walker.narrow) std::fill(narrow, narrow + kBatch, 0u);
+            for (int i = 0; i < n; ++i) values[i] = narrow[i];
+        }
+        walker.at = 0;
+        walker.count = n > 0 ? n : 0;
+        return n > 0;
     }
 
     void WriteChanges() {
@@ -338,14 +371,12 @@ private:
                 continue;
             }
             Walker& walker = m_walkers[w];
-            int64 time = m_next[w];
-            bool more = true;
-            while (more && time < end) {
-                std::uint64_t value = 0;
-                walker.cursor.GetValue(reinterpret_cast<unsigned char*>(&value), 8);
-                more = walker.store->GetNextEvent(&walker.cursor);
+            int64 time = m_next[w];  // the time of the run's event at walker.at
+            while (time < end) {
+                const std::uint64_t value = m_runValues[w * kBatch + static_cast<std::size_t>(walker.at)];
                 ++m_done;
-                const int64 next = more ? walker.cursor.GetTime() : INT64_MAX;
+                const bool more = ++walker.at < walker.count || Refill(w);
+                const int64 next = more ? m_runTimes[w * kBatch + static_cast<std::size_t>(walker.at)] : INT64_MAX;
                 if (next != time) {  // the last event of its time: a later delta overrides
                     std::uint32_t stored = static_cast<std::uint32_t>(value);
                     if (walker.wide) {
@@ -546,6 +577,8 @@ private:
     std::vector<Sink> m_sinkList;                         // the sinks of the walkers
     std::vector<Walker> m_walkers;                        // the stores with events
     std::vector<int64> m_next;                            // by walker: its next event's time
+    std::vector<int64> m_runTimes;                        // by walker, kBatch each: decoded times
+    std::vector<std::uint64_t> m_runValues;               // likewise, their values
     int64 m_earliest = 0;                                 // the earliest of them after a window
     std::vector<Record> m_records, m_sorted;              // the window's records; sort space
     std::vector<std::uint64_t> m_wide;                    // the window's 8-byte values

@@ -29,7 +29,7 @@ struct VcdExportResult {
 struct VcdExportOptions {
     // Events taken from the stores per window of time (see vcd_export.cc); any size gives the
     // same output.
-    std::size_t windowEvents = std::size_t{1} << 18;
+    std::size_t windowEvents = std::size_t{1} << 20;
 };
 
 // Writes the waveform file `input` as the VCD `output` ("-": standard output). `progress` (may be
