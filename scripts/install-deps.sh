@@ -8,13 +8,18 @@
 #   scripts/install-deps.sh vcd    that, and the simulators and viewer tools of the VCD tests and
 #                                  benchmarks: Icarus Verilog, GHDL, GTKWave (vcd2fst, fst2vcd),
 #                                  GNU time (the benchmark's wall time and peak memory)
+#   scripts/install-deps.sh bench  that, the VCD target's tools, and what `make bench` compares
+#                                  against: Verilator (its package ships the FST format's C
+#                                  sources, which the comparison harness compiles in), the zlib
+#                                  headers they need, and perf and Valgrind for profiles
 set -euo pipefail
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev make
           pkgconf dpkg-dev)
 for target in "$@"; do
   case "$target" in
     vcd) packages+=(iverilog ghdl gtkwave time) ;;
-    *) echo "install-deps.sh: unknown target '$target' (known: vcd)" >&2; exit 2 ;;
+    bench) packages+=(iverilog ghdl gtkwave time verilator zlib1g-dev linux-perf valgrind) ;;
+    *) echo "install-deps.sh: unknown target '$target' (known: vcd, bench)" >&2; exit 2 ;;
   esac
 done
 missing=()
