@@ -51,7 +51,7 @@ bench:
 	@scripts/install-deps.sh bench
 	cmake -S . -B build/release $(GEN) -DCMAKE_BUILD_TYPE=Release -DTARVEL_TESTS=OFF -DTARVEL_BENCH=ON
 	cmake --build build/release -j $(JOBS)
-	./build/release/bench/compare_bench --events $(BENCH_EVENTS) --tarvel build/release/tools/tarvel/tarvel \
+	./build/release/bench/compare/compare_bench --events $(BENCH_EVENTS) --tarvel build/release/tools/tarvel/tarvel \
 	  --designs tests/designs --docs docs/performance.md
 	./build/release/bench/store_bench
 	./build/release/bench/stream_reader_bench
