@@ -617,7 +617,7 @@ std::string MachineLine(double minutes, const std::string& loadBefore) {
     return s.str();
 }
 
-std::string Table(const std::vector<WorkloadResult>& results, const std::string& machine, const Options& o) {
+std::string Table(const std::vector<WorkloadResult>& results, const std::string& machine) {
     std::ostringstream t;
     t << machine << "\n\n";
     t << "| workload | format | write M ev/s | bytes/event | full read M ev/s | one signal, ms | writer peak MB | "
@@ -700,7 +700,6 @@ std::string Table(const std::vector<WorkloadResult>& results, const std::string&
         t << "| FST smaller on random data (expected) | " << w.title << " | tarvel "
           << Fmt("%.2f×", static_cast<double>(w.tarvel.bytes) / static_cast<double>(w.fst.bytes)) << " FST's size | |\n";
     }
-    (void)o;
     return t.str();
 }
 
@@ -768,7 +767,7 @@ int Main(int argc, char** argv) {
         results.push_back(RunTrace("counter.iverilog.vcd", "counter design, Icarus Verilog trace", o));
         results.push_back(RunTrace("counter.ghdl.vcd", "counter design, GHDL trace", o));
     }
-    const std::string table = Table(results, MachineLine(Since(start) / 60, loadBefore), o);
+    const std::string table = Table(results, MachineLine(Since(start) / 60, loadBefore));
     std::printf("%s", table.c_str());
     if (!o.docs.empty() && !WriteDocs(o.docs, table)) {
         std::fprintf(stderr, "compare_bench: could not write the table into %s (markers missing?)\n", o.docs.c_str());

@@ -1,10 +1,12 @@
-// The comparison harness's own parts: the plain VCD reader (against the VCD writer and against
-// simulators' layouts), the workload generators and the lengthening of traces. A wrong count
-// here would make every figure of the table wrong without any reader noticing.
+// The comparison harness's own parts: the plain VCD writer and reader (against each other and
+// against simulators' layouts), the FST peer, the workload generators and the lengthening of
+// traces. A wrong count here would make every figure of the table wrong without any reader
+// noticing.
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -12,6 +14,9 @@
 #include "../vcd_writer.h"
 #include "vcd_reader.h"
 #include "workloads.h"
+#ifdef TARVEL_BENCH_FST
+#include "fst_peer.h"
+#endif
 
 namespace compare {
 namespace {
@@ -203,6 +208,73 @@ TEST(LengthenTrace, RepeatsTheChangesWithShiftedTimes) {
     std::remove(from.c_str());
     std::remove(to.c_str());
 }
+
+TEST(VcdWriter, WritesTheTextTheReadersExpect) {
+    const std::string path = TempPath("writer.vcd");
+    {
+        VcdWriter w(path.c_str());
+        for (int s = 0; s < 96; ++s) w.Declare("s" + std::to_string(s), s == 95 ? VcdWriter::Kind::kReal
+                                                                        : s == 94 ? VcdWriter::Kind::kInteger
+                                                                                  : VcdWriter::Kind::kBit);
+        w.EndDeclarations();
+        w.SetTime(0);
+        w.Change(0, 1);
+        w.SetTime(0);  // the same time: no second time line
+        w.Change(93, 0);
+        w.SetTime(9223372036854775807LL);
+        w.Change(94, 0x80000000u);
+        w.Change(95, 0x3FF8000000000000ULL);  // 1.5
+    }
+    std::ifstream in(path);
+    std::stringstream all;
+    all << in.rdbuf();
+    const std::string text = all.str();
+    // Codes count from '!' in base 94, first character lowest: signal 94 is "!\"", 95 "\"\"".
+    EXPECT_NE(text.find("$var integer 32 !\" s94 $end\n$var real 64 \"\" s95 $end\n$enddefinitions $end\n"),
+              std::string::npos);
+    EXPECT_NE(text.find("$enddefinitions $end\n#0\n1!\n0~\n#9223372036854775807\nb10000000000000000000000000000000 !\"\nr1.5 \"\"\n"),
+              std::string::npos)
+        << text.substr(text.find("$enddefinitions"));
+    std::remove(path.c_str());
+}
+
+#ifdef TARVEL_BENCH_FST
+// The FST peer reads back, in all and one signal at a time, what its writer wrote.
+TEST(FstPeer, ReadsBackWhatItWrote) {
+    const std::string path = TempPath("peer.fst");
+    FstPeerWriter w;
+    ASSERT_TRUE(w.Create(path.c_str(), -12));
+    w.Scope("top");
+    const std::uint32_t bit = w.Declare("b", FstPeerWriter::VarKind::kBit, 1);
+    const std::uint32_t number = w.Declare("n", FstPeerWriter::VarKind::kInt32, 32);
+    const std::uint32_t real = w.Declare("r", FstPeerWriter::VarKind::kReal, 64);
+    const std::uint32_t alias = w.Declare("b_again", FstPeerWriter::VarKind::kBit, 1, bit);
+    const std::uint32_t vector = w.Declare("v", FstPeerWriter::VarKind::kVector, 4);
+    w.Upscope();
+    EXPECT_EQ(alias, bit);
+    for (std::uint64_t t = 0; t < 1000; ++t) {
+        w.Time(t * 10);
+        w.Number(bit, 1, t & 1);
+        if (t % 2 == 0) w.Number(number, 32, static_cast<std::uint32_t>(t));
+        if (t % 5 == 0) {
+            const double d = static_cast<double>(t) / 4;
+            w.Raw(real, &d);
+        }
+        if (t % 10 == 0) w.Raw(vector, t % 20 ? "10xz" : "0101");
+    }
+    w.Close();
+    std::uint64_t changes = 0, checksum = 0;
+    ASSERT_TRUE(FstPeerRead(path.c_str(), 0, &changes, &checksum));
+    EXPECT_EQ(changes, 1000u + 500 + 200 + 100);
+    for (const auto& [handle, expected] : std::vector<std::pair<std::uint32_t, std::uint64_t>>{
+             {bit, 1000}, {number, 500}, {real, 200}, {vector, 100}}) {
+        ASSERT_TRUE(FstPeerRead(path.c_str(), handle, &changes, &checksum));
+        EXPECT_EQ(changes, expected) << "handle " << handle;
+    }
+    EXPECT_FALSE(FstPeerRead("/nonexistent/file.fst", 0, &changes, &checksum));
+    std::remove(path.c_str());
+}
+#endif
 
 }  // namespace
 }  // namespace compare
