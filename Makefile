@@ -3,6 +3,9 @@ JOBS ?= 2
 CYCLES ?= 1000000
 DEMO_FILE ?= build/demo.twf
 GEN := -G Ninja
+# Events per workload of the comparison harness (`make bench`); e.g. `make bench BENCH_EVENTS=2000000`
+# for a quick run. The table it writes into docs/performance.md says which count it ran.
+BENCH_EVENTS ?= 100000000
 
 .PHONY: demo test deps deps-python build-demo test-main test-asan test-tsan bench package clean
 
@@ -46,10 +49,15 @@ test-tsan:
 	TSAN_OPTIONS=halt_on_error=1 ./build/tsan/tests/store/store_sharing_tests
 	cd tests/vcd && TSAN_OPTIONS=halt_on_error=1 TARVEL_TEST_DATA=$(CURDIR)/tests ../../build/tsan/tests/vcd/vcd_tests
 
-# Benchmarks (Release); figures go to docs/performance.md.
-bench: deps
+# Benchmarks (Release); figures go to docs/performance.md. The comparison harness runs first and
+# rewrites its table there; the FST peer is built when verilator's sources are installed
+# (scripts/install-deps.sh bench, which this runs).
+bench:
+	@scripts/install-deps.sh bench
 	cmake -S . -B build/release $(GEN) -DCMAKE_BUILD_TYPE=Release -DTARVEL_TESTS=OFF -DTARVEL_BENCH=ON
 	cmake --build build/release -j $(JOBS)
+	./build/release/bench/compare/compare_bench --events $(BENCH_EVENTS) --tarvel build/release/tools/tarvel/tarvel \
+	  --designs tests/designs --docs docs/performance.md
 	./build/release/bench/store_bench
 	./build/release/bench/stream_reader_bench
 	bench/vcd/vcd_bench.sh build/release/tools/tarvel/tarvel

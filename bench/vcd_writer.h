@@ -3,6 +3,7 @@
 #ifndef TARVEL_BENCH_VCD_WRITER_H
 #define TARVEL_BENCH_VCD_WRITER_H
 
+#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -34,8 +35,10 @@ public:
         if (time == m_time) return;
         m_time = time;
         char text[32];
-        const int n = std::snprintf(text, sizeof text, "#%lld\n", static_cast<long long>(time));
-        Put(text, static_cast<std::size_t>(n));
+        text[0] = '#';
+        char* end = std::to_chars(text + 1, text + sizeof text - 1, time).ptr;
+        *end++ = '\n';
+        Put(text, static_cast<std::size_t>(end - text));
     }
 
     // A bit value 0/1, an integer, or a real (given as its bits).

@@ -11,6 +11,10 @@
 #   scripts/install-deps.sh python the Python module's build and tests, for Debian's own
 #                                  /usr/bin/python3: its headers, pybind11, numpy, pytest,
 #                                  matplotlib (the example of docs/python.md), venv (pip install .)
+#   scripts/install-deps.sh bench  that, the VCD target's tools, and what `make bench` compares
+#                                  against: Verilator (its package ships the FST format's C
+#                                  sources, which the comparison harness compiles in), the zlib
+#                                  headers they need, and perf and Valgrind for profiles
 set -euo pipefail
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev make
           pkgconf dpkg-dev)
@@ -18,7 +22,8 @@ for target in "$@"; do
   case "$target" in
     vcd) packages+=(iverilog ghdl gtkwave time) ;;
     python) packages+=(python3-dev pybind11-dev python3-numpy python3-pytest python3-matplotlib python3-venv) ;;
-    *) echo "install-deps.sh: unknown target '$target' (known: vcd, python)" >&2; exit 2 ;;
+    bench) packages+=(iverilog ghdl gtkwave time verilator zlib1g-dev linux-perf valgrind) ;;
+    *) echo "install-deps.sh: unknown target '$target' (known: vcd, python, bench)" >&2; exit 2 ;;
   esac
 done
 missing=()
