@@ -233,7 +233,10 @@ std::string FileAfterFailure(const std::string& path, const Outcome& o, const Re
     return "the file reads as none of the commits " + std::to_string(o.done) + " and " + std::to_string(o.started);
 }
 
-void Sweep(std::uint64_t seed, DesignSize size, std::uint64_t* points, std::uint64_t* writerPoints, std::uint64_t* shrinks) {
+// Fails each allocation of the scenario of `seed` in turn; after a failure the whole scenario
+// runs again (`everyRecovery`), or after every 16th.
+void Sweep(std::uint64_t seed, DesignSize size, bool everyRecovery, std::uint64_t* points, std::uint64_t* writerPoints,
+           std::uint64_t* shrinks, std::uint64_t* recoveries) {
     ScratchFolder folder;
     const std::string path = folder.File("swept.twf");
     const Reference reference(seed, size, folder.File("model.twf"));
@@ -274,26 +277,30 @@ void Sweep(std::uint64_t seed, DesignSize size, std::uint64_t* points, std::uint
             ++*writerPoints;
             ASSERT_FALSE(std::ifstream(path + ".log").good()) << "a writer that was never made logs nothing";
         }
+        ++*points;
+        if (!everyRecovery && k % 16 != 0 && k != total) continue;
         HeapRun heap(0);
         const Outcome again = RunScenario(seed, size, path, reference);
         ASSERT_TRUE(again.findings.empty() && again.cleanFailures == 0) << "after PrepareOutOfMemoryBuffer: " << again.findings;
         ASSERT_EQ(heap.live.size(), 0u);
-        ++*points;
+        ++*recoveries;
     }
 }
 
 TEST(OutOfMemorySweep, EveryFailingAllocationOfAWriteThenReadScenarioFailsCleanly) {
-    // Quick form: two small designs (one timed, one untimed), each allocation of each.
-    Rounds rounds(2, 1, {4, 3});
-    std::uint64_t points = 0, writerPoints = 0, shrinks = 0;
+    // Quick form: two small designs (one timed, one untimed), each allocation of each, and the
+    // scenario again after each failure. Sanitized builds, some ten times slower, sweep the
+    // smaller design and run the scenario again after every 16th failure.
+    Rounds rounds(2, 1, kSanitized ? std::initializer_list<std::uint64_t>{3} : std::initializer_list<std::uint64_t>{4, 3});
+    std::uint64_t points = 0, writerPoints = 0, shrinks = 0, recoveries = 0;
     for (std::uint64_t seed; rounds.Next(&seed);) {
         SCOPED_TRACE(SeedTrace(seed));
         const DesignSize size = rounds.Done() <= 2 ? DesignSize{1, 1} : DesignSize{1 + static_cast<int>(seed % 2), 1};
-        Sweep(seed, size, &points, &writerPoints, &shrinks);
+        Sweep(seed, size, !kSanitized || rounds.Soak(), &points, &writerPoints, &shrinks, &recoveries);
         if (HasFatalFailure()) break;
     }
     ReportFigures("out_of_memory", {{"scenarios", rounds.Done()}, {"allocation_points", points}, {"in_the_writer", writerPoints},
-                                    {"refused_shrinks", shrinks}},
+                                    {"refused_shrinks", shrinks}, {"runs_after_recovery", recoveries}},
                   rounds.Elapsed());
 }
 
