@@ -73,6 +73,9 @@ public:
         return false;
     }
     bool Soak() const { return m_seconds > 0; }
+    // True in the long form once the time budget is spent: a round that is long in itself (a
+    // sweep) may stop early, except the first.
+    bool OutOfTime() const { return m_seconds > 0 && m_done > 1 && Elapsed() >= m_seconds; }
     double Elapsed() const { return std::chrono::duration<double>(std::chrono::steady_clock::now() - m_start).count(); }
     int Done() const { return m_done; }
 

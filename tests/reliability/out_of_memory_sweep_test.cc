@@ -234,9 +234,10 @@ std::string FileAfterFailure(const std::string& path, const Outcome& o, const Re
 }
 
 // Fails each allocation of the scenario of `seed` in turn; after a failure the whole scenario
-// runs again (`everyRecovery`), or after every 16th.
-void Sweep(std::uint64_t seed, DesignSize size, bool everyRecovery, std::uint64_t* points, std::uint64_t* writerPoints,
-           std::uint64_t* shrinks, std::uint64_t* recoveries) {
+// runs again (`everyRecovery`), or after every 16th. A sweep after the first stops when the long
+// form's time is up.
+void Sweep(std::uint64_t seed, DesignSize size, const Rounds& rounds, bool everyRecovery, std::uint64_t* points,
+           std::uint64_t* writerPoints, std::uint64_t* shrinks, std::uint64_t* recoveries) {
     ScratchFolder folder;
     const std::string path = folder.File("swept.twf");
     const Reference reference(seed, size, folder.File("model.twf"));
@@ -250,7 +251,7 @@ void Sweep(std::uint64_t seed, DesignSize size, bool everyRecovery, std::uint64_
         total = SweepHeap::requests;
     }
     ASSERT_GT(total, 100u);
-    for (std::uint64_t k = 1; k <= total; ++k) {
+    for (std::uint64_t k = 1; k <= total && !rounds.OutOfTime(); ++k) {
         SCOPED_TRACE("allocation " + std::to_string(k) + " of " + std::to_string(total));
         Outcome failed;
         std::size_t left = 0;
@@ -296,7 +297,7 @@ TEST(OutOfMemorySweep, EveryFailingAllocationOfAWriteThenReadScenarioFailsCleanl
     for (std::uint64_t seed; rounds.Next(&seed);) {
         SCOPED_TRACE(SeedTrace(seed));
         const DesignSize size = rounds.Done() <= 2 ? DesignSize{1, 1} : DesignSize{1 + static_cast<int>(seed % 2), 1};
-        Sweep(seed, size, !kSanitized || rounds.Soak(), &points, &writerPoints, &shrinks, &recoveries);
+        Sweep(seed, size, rounds, !kSanitized || rounds.Soak(), &points, &writerPoints, &shrinks, &recoveries);
         if (HasFatalFailure()) break;
     }
     ReportFigures("out_of_memory", {{"scenarios", rounds.Done()}, {"allocation_points", points}, {"in_the_writer", writerPoints},
