@@ -7,7 +7,7 @@ GEN := -G Ninja
 # for a quick run. The table it writes into docs/performance.md says which count it ran.
 BENCH_EVENTS ?= 100000000
 
-.PHONY: demo test deps deps-python build-demo test-main test-asan test-tsan bench package clean
+.PHONY: demo test deps deps-python build-demo test-main test-asan test-tsan soak bench package clean
 
 deps:
 	@scripts/install-deps.sh
@@ -27,8 +27,9 @@ demo: build-demo
 	./build/demo/tools/tarvel/tarvel demo --cycles $(CYCLES) -o $(DEMO_FILE)
 
 # Builds and runs every test: the plain build, then AddressSanitizer+UndefinedBehaviorSanitizer
-# (with short fuzz runs), then ThreadSanitizer over the store-sharing tests and the VCD tests (the
-# import's writer thread). The plain build runs the Python module's pytest suite too.
+# (with short fuzz runs), then ThreadSanitizer over the store-sharing tests, the reliability
+# thread stress and the VCD tests (the import's writer thread). The plain build runs the Python
+# module's pytest suite too.
 test: deps deps-python test-main test-asan test-tsan
 
 test-main:
@@ -45,9 +46,24 @@ test-asan:
 test-tsan:
 	cmake -S . -B build/tsan $(GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
 	  -DTARVEL_SANITIZE=thread -DTARVEL_BENCH=OFF
-	cmake --build build/tsan -j $(JOBS) --target store_sharing_tests vcd_tests
+	cmake --build build/tsan -j $(JOBS) --target store_sharing_tests reliability_thread_tests vcd_tests
 	TSAN_OPTIONS=halt_on_error=1 ./build/tsan/tests/store/store_sharing_tests
+	TSAN_OPTIONS=halt_on_error=1 ./build/tsan/tests/reliability/reliability_thread_tests
 	cd tests/vcd && TSAN_OPTIONS=halt_on_error=1 TARVEL_TEST_DATA=$(CURDIR)/tests ../../build/tsan/tests/vcd/vcd_tests
+
+# The long form of the reliability campaigns, in the sanitized builds of `make test`: each
+# campaign for SOAK_SECONDS, then each fuzz target for SOAK_FUZZ_SECONDS, one at a time and at low
+# priority. Figures and findings go to build/soak/report.txt (docs/reliability.md).
+SOAK_SECONDS ?= 300
+SOAK_FUZZ_SECONDS ?= 1800
+soak: deps
+	cmake -S . -B build/asan $(GEN) -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ \
+	  -DTARVEL_SANITIZE=address,undefined -DTARVEL_FUZZ=ON -DTARVEL_BENCH=OFF
+	cmake --build build/asan -j $(JOBS) --target reliability_tests raw_reader_fuzz typeinfo_fuzz vcd_import_fuzz
+	cmake -S . -B build/tsan $(GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
+	  -DTARVEL_SANITIZE=thread -DTARVEL_BENCH=OFF
+	cmake --build build/tsan -j $(JOBS) --target reliability_thread_tests
+	SOAK_SECONDS=$(SOAK_SECONDS) SOAK_FUZZ_SECONDS=$(SOAK_FUZZ_SECONDS) scripts/soak.sh build/asan build/tsan build/soak
 
 # Benchmarks (Release); figures go to docs/performance.md. The comparison harness runs first and
 # rewrites its table there; the FST peer is built when verilator's sources are installed

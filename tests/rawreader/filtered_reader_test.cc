@@ -14,39 +14,12 @@
 #include <vector>
 
 #include "format/lexer_test_support.h"
+#include "rawreader/filtered_model.h"
 #include "rawreader/random_design.h"
 #include "rawreader/raw_reader_dump.h"
 
 namespace Tarvel::Testing {
 namespace {
-
-// A listing that frees itself; Names(handle) are its names in order.
-struct Listing : std::unordered_map<int, std::vector<SIGINFO*>*> {
-    explicit Listing(const std::string& path) { CreateRawTarvelPreRead(path.c_str(), this); }
-    ~Listing() { DeleteRawTarvelPreRead(this); }
-    std::vector<std::string> Names(int handle) const {
-        std::vector<std::string> names;
-        if (count(handle)) {
-            for (const SIGINFO* info : *at(handle)) names.push_back(info->flag == 1 ? info->name : "!! flag");
-        }
-        return names;
-    }
-};
-
-// A selection with storage of its own.
-struct Selection : std::map<int, std::vector<char*>*> {
-    std::deque<std::string> texts;
-    std::deque<std::vector<char*>> vectors;
-    Selection& Add(int handle, const std::vector<std::string>& names) {
-        (*this)[handle] = &vectors.emplace_back();
-        for (const std::string& name : names) vectors.back().push_back(texts.emplace_back(name).data());
-        return *this;
-    }
-};
-
-Reader OpenFiltered(const std::string& path, Selection* selection) {
-    return Reader(CreateFilteredRawTarvelRead(path.c_str(), selection), DeleteRawTarvelRead);
-}
 
 // The dump of `bytes` read by the full reader (no selection) or filtered; "refused" for null.
 std::string DumpOf(const std::string& bytes, Selection* selection = nullptr, bool filtered = false) {
@@ -54,68 +27,6 @@ std::string DumpOf(const std::string& bytes, Selection* selection = nullptr, boo
     WriteBytes(folder.File("f.twf"), bytes);
     Reader reader = filtered || selection ? OpenFiltered(folder.File("f.twf"), selection) : Open(folder.File("f.twf"));
     return reader ? Dump(*reader) : "refused";
-}
-
-// A dump cut into items: a line that starts as a dump line does starts an item; names and values
-// holding line feeds continue it.
-std::vector<std::string> Items(const std::string& dump) {
-    static const char* kStarts[] = {"file ", "top ", "type ", "signal ", "  prop ", "  events ", "property ", "source ", "!!"};
-    std::vector<std::string> items;
-    for (std::size_t at = 0, end; at < dump.size(); at = end) {
-        end = dump.find('\n', at) + 1;
-        const std::string line = dump.substr(at, end - at);
-        const bool starts = std::any_of(std::begin(kStarts), std::end(kStarts), [&](const char* s) { return line.rfind(s, 0) == 0; });
-        if (starts || items.empty()) items.push_back(line);
-        else items.back() += line;
-    }
-    return items;
-}
-
-int HandleOf(const std::string& item) { return std::atoi(item.c_str() + item.find(' ') + 1); }
-
-// The signal item with the number after `key` ("nr=" from the left, "children=" from the right).
-std::string WithNumber(std::string item, const std::string& key, int value) {
-    const std::size_t at = (key == " nr=" ? item.find(key) : item.rfind(key)) + key.size();
-    return item.replace(at, item.find_first_not_of("-0123456789", at) - at, std::to_string(value));
-}
-
-// What a filtered reader must show: the full reader's dump of the kept signals and their
-// parents (`parentOf`, -1 at the top), parents without events, numbered anew, children counted
-// among those shown; the property walk of those shown and of the file.
-std::string ExpectedDump(const std::string& fullDump, const std::set<int>& kept, const std::map<int, int>& parentOf) {
-    std::set<int> shown;
-    for (int h : kept) {
-        for (int at = h; at != -1 && shown.insert(at).second;) at = parentOf.at(at);
-    }
-    std::map<int, int> children;
-    for (int h : shown) ++children[parentOf.at(h)];
-    std::string out;
-    int nr = 0, current = 0;
-    for (const std::string& item : Items(fullDump)) {
-        if (item.rfind("signal ", 0) == 0) {
-            current = HandleOf(item);
-            if (shown.count(current)) out += WithNumber(WithNumber(item, " nr=", nr++), " children=", children[current]);
-        } else if (item.rfind("  ", 0) == 0) {
-            if (shown.count(current) && (kept.count(current) || item.rfind("  events ", 0) != 0)) out += item;
-        } else if (item.rfind("property ", 0) != 0 || HandleOf(item) == -1 || shown.count(HandleOf(item))) {
-            out += item;
-        }
-    }
-    return out;
-}
-
-// The signal items of a dump by handle, without their numbers: what a reader holds, in any order.
-std::string ByHandle(const std::string& dump) {
-    std::multimap<int, std::string> signals;
-    std::string rest;
-    int current = 0;
-    for (const std::string& item : Items(dump)) {
-        if (item.rfind("signal ", 0) == 0) current = HandleOf(item);
-        if (item.rfind("signal ", 0) == 0 || item.rfind("  ", 0) == 0) signals.emplace(current, WithNumber(item, " nr=", 0));
-        else rest += item;
-    }
-    for (const auto& [handle, item] : signals) rest += item;
-    return rest;
 }
 
 // Random designs, each with a random selection from its listing: some handles by their name,
@@ -139,31 +50,12 @@ TEST(FilteredReader, RandomSelectionsGiveWhatTheFullReaderGivesForThem) {
         ASSERT_NE(full, nullptr);
         const Listing listing(path);
         std::mt19937_64 rng(seed);
-        Selection selection;
-        std::set<int> selected, kept;
-        for (const auto& [handle, records] : listing) {
-            if (rng() % 3 == 0) continue;
-            const std::string name = listing.Names(handle).front();
-            const int how = static_cast<int>(rng() % 10);
-            selection.Add(handle, how < 6 ? std::vector<std::string>{name}
-                                  : how < 8 ? std::vector<std::string>{"other", name}
-                                            : std::vector<std::string>(how - 8, name + "x"));
-            int size = 0;
-            full->GetSignalPlace(handle, nullptr, nullptr, nullptr, &size, nullptr, nullptr);
-            if (how < 8 || size == 0) selected.insert(handle);  // an unnamed declaration: by its handle
-        }
-        selection.Add(77777777, {"nothing"});
-        std::map<int, int> parentOf;
-        for (auto it = full->BeginSignals(); it != full->EndSignals(); ++it) {
-            IRawTarvelRead::SignalIterator parent;
-            full->GetSignalPlace(it, nullptr, nullptr, nullptr, nullptr, &parent, nullptr);
-            parentOf[*it] = parent == full->EndSignals() ? -1 : *parent;
-            if (listing.count(*it) ? selected.count(*it) : kept.count(parentOf[*it])) kept.insert(*it);
-        }
+        RandomSelection picked(*full, listing, rng);
+        Selection& selection = picked.selection;
         Reader filtered = OpenFiltered(path, &selection);
         ASSERT_NE(filtered, nullptr);
         int faults = 0;
-        ASSERT_EQ(ExpectedDump(Dump(*full), kept, parentOf), Dump(*filtered, ~0u, &faults));
+        ASSERT_EQ(picked.Expected(Dump(*full)), Dump(*filtered, ~0u, &faults));
         ASSERT_EQ(faults, 0);
         if (seed % 3 != 0) continue;
         // Cut before a line a writer can commit before: a keyword line outside the blocks.

@@ -1,7 +1,7 @@
 // A random design written through the writer with seeded choices (scopes below other signals,
 // buses with their elements, virtual buses and their members, properties, sources, flushes,
 // commits), and the model of what a raw reader must present of it, in the form of the dump
-// (raw_reader_dump.h). Shared by the raw-reader tests; single-threaded.
+// (raw_reader_dump.h). Shared by the raw-reader and reliability tests; single-threaded.
 #ifndef TARVEL_TESTS_RAWREADER_RANDOM_DESIGN_H
 #define TARVEL_TESTS_RAWREADER_RANDOM_DESIGN_H
 
@@ -18,6 +18,7 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "rawreader/raw_reader_dump.h"
@@ -62,15 +63,39 @@ struct Signal {
     std::string events;  // as the dump shows them
 };
 
+// How much a design writes: its phases (each declares a few signals) and the steps of each
+// phase are multiplied by these. {1, 1} is the designs of the reader tests, some kilobytes.
+struct DesignSize {
+    int phases = 1;
+    int steps = 1;
+};
+
+class Design;
+
+// Told about each commit of a design: before the writer's Commit is called, with its number
+// (from 1) and the design, whose Expected() is then what a reader must present after that
+// commit; and after Commit returned true.
+struct CommitObserver {
+    virtual void Committing(int commit, const Design& design) = 0;
+    virtual void Committed(int commit) = 0;
+
+protected:
+    ~CommitObserver() = default;
+};
+
 // A random design written through the writer, with the model of what a reader must present.
 class Design {
 public:
-    Design(std::uint64_t seed, const std::string& path, bool follow) : m_rng(seed), m_path(path), m_follow(follow) {
+    Design(std::uint64_t seed, const std::string& path, bool follow, DesignSize size = {}, CommitObserver* observer = nullptr)
+        : m_rng(seed), m_path(path), m_follow(follow), m_size(size), m_observer(observer) {
         m_timed = m_rng() % 2;
         m_w = m_timed ? CreateStreamWriteTimed(path.c_str(), &m_sources) : CreateStreamWrite(path.c_str());
         W(m_w != nullptr);
     }
     ~Design() { m_w && m_w->Release(); }
+
+    // Gives up the writer without releasing it (a test that made it fail releases it itself).
+    ITarvelWrite* Abandon() { return std::exchange(m_w, nullptr); }
 
     // Writes the whole file; while following, a reader checks every commit on the way.
     void Run() {
@@ -78,14 +103,13 @@ public:
         for (const char* name : {"Project", "TopLevel"}) {
             if (m_rng() % 3 == 0) AddProperty(-1, name, "top \"x\"", 0);
         }
-        for (int phase = 1 + m_rng() % 4; phase > 0; --phase) {
+        for (int phase = (1 + static_cast<int>(m_rng() % 4)) * m_size.phases; phase > 0; --phase) {
             for (int n = 2 + m_rng() % 8; n > 0; --n) Declare();
-            for (int n = m_rng() % 30; n > 0; --n) Step();
+            for (int n = static_cast<int>(m_rng() % 30) * m_size.steps; n > 0; --n) Step();
         }
         Commit(false);
-        ITarvelWrite* w = m_w;
+        W(m_w->Release());  // a writer whose Release failed stays for Abandon
         m_w = nullptr;
-        W(w->Release());
         if (m_follower) Check(false);
     }
 
@@ -380,12 +404,15 @@ private:
         m_pendingIndex.clear();
     }
 
+    // The model moves first, so that an observer can see what the commit will present.
     void Commit(bool resume) {
-        W(m_w->Commit());
         Flushed();
         if (m_timed) m_end = m_time;
-        m_committed = Expected();
-        if (m_follow) Check(!m_follower);
+        ++m_commits;
+        if (m_observer) m_observer->Committing(m_commits, *this);
+        W(m_w->Commit());
+        if (m_observer) m_observer->Committed(m_commits);
+        if (m_follow) m_committed = Expected(), Check(!m_follower);
         if (resume) W(m_w->Resume());
     }
 
@@ -403,6 +430,9 @@ private:
     std::mt19937_64 m_rng;
     std::string m_path;
     bool m_follow, m_timed = false;
+    DesignSize m_size;
+    CommitObserver* m_observer;
+    int m_commits = 0;
     DesignSources m_sources;
     ITarvelWrite* m_w = nullptr;
     Reader m_follower{nullptr, DeleteRawTarvelRead};
