@@ -92,7 +92,6 @@ TEST(CommitCrash, KilledWriterLeavesAFileReadableUpToItsLastCommit) {
     SCOPED_TRACE("seed " + std::to_string(seed) + " (rerun with TARVEL_CRASH_SEED)");
     std::mt19937_64 random(seed);
     ScratchFolder folder;
-    const auto start = std::chrono::steady_clock::now();
     int committedFiles = 0;
     for (int kill = 0; kill < kKills; ++kill) {
         const std::string path = folder.File("crash" + std::to_string(kill) + ".wav");
@@ -124,7 +123,6 @@ TEST(CommitCrash, KilledWriterLeavesAFileReadableUpToItsLastCommit) {
         std::remove(path.c_str());
     }
     EXPECT_GT(committedFiles, kKills / 4) << "most kills should land after a commit";
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
 }
 
 }  // namespace
