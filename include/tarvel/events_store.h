@@ -122,6 +122,7 @@ public:
 
 private:
     friend class KEventsStore;
+    friend struct StoreAccess;
     EventCursor* m_cursor;  // owned iteration state
 };
 

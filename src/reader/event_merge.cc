@@ -42,6 +42,7 @@ KEventMerge::KEventMerge(const Vector<Source>& sources) {
         m_hot = AllocateArray<Hot>(n);
         m_next = AllocateArray<std::int32_t>(n);
         m_cold = AllocateArray<Cold>(n);
+        m_refillAt = AllocateArray<const void*>(n * kRefillAddresses);
         unsigned ahead = kAhead;
         for (; ahead > kLeastAhead; ahead /= 2) {
             std::uint64_t bytes = 0;
@@ -55,7 +56,7 @@ KEventMerge::KEventMerge(const Vector<Source>& sources) {
             const auto room = static_cast<std::uint16_t>(RoomFor(source.store->count(), ahead));
             const auto valueSize = static_cast<std::uint8_t>(source.store->GetSize());
             if (m_decodedBytes > 0xFFFFFFFFu - 24u * kAhead) throw std::bad_alloc();  // byte offsets are 32-bit
-            m_hot[m_entryCount] = Hot{source.handle, static_cast<std::uint32_t>(m_decodedBytes), room, 0, 0, valueSize, false};
+            m_hot[m_entryCount] = Hot{source.handle, static_cast<std::uint32_t>(m_decodedBytes), room, 0, 0, valueSize, kMore};
             m_next[m_entryCount] = -1;
             m_decodedBytes += std::uint64_t{room} * ItemBytes(valueSize);
             new (&m_cold[m_entryCount]) Cold(source.store);
@@ -76,6 +77,7 @@ void KEventMerge::FreeAll() noexcept {
     m_entryCount = 0;
     Free(m_decoded);
     Free(m_cold);
+    Free(m_refillAt);
     Free(m_hot);
     Free(m_next);
     Free(m_heap);
@@ -83,6 +85,7 @@ void KEventMerge::FreeAll() noexcept {
     Free(m_spare);
     m_decoded = nullptr;
     m_cold = nullptr;
+    m_refillAt = nullptr;
     m_hot = nullptr;
     m_next = nullptr;
     m_heap = nullptr;
@@ -102,27 +105,76 @@ void KEventMerge::SpreadItems(unsigned char* run, int n, const int64* times, con
     }
 }
 
-// One batch of the store's next events, spread into the entry's items.
-bool KEventMerge::Refill(std::int32_t entry) {
+int KEventMerge::Decode(std::int32_t entry, unsigned first, unsigned capacity) {
     Hot& hot = m_hot[entry];
-    hot.at = 0;
-    hot.count = 0;
-    if (hot.finished) return false;
     Cold& cold = m_cold[entry];
     int64 times[kAhead];
     unsigned deltas[kAhead];
     unsigned char values[kAhead * 8];
     const unsigned valueSize = hot.valueSize;
-    const int n = cold.store->GetNextEvents(&cold.cursor, hot.room, times, deltas, valueSize > 0 ? values : nullptr, nullptr);
-    unsigned char* run = m_decoded + hot.base;
+    const int n =
+        cold.store->GetNextEvents(&cold.cursor, static_cast<int>(capacity), times, deltas, valueSize > 0 ? values : nullptr, nullptr);
+    unsigned char* run = m_decoded + hot.base + std::size_t{first} * ItemBytes(valueSize);
     switch (valueSize) {
         case 4: SpreadItems<4>(run, n, times, deltas, values); break;
         case 8: SpreadItems<8>(run, n, times, deltas, values); break;
         default: SpreadItems<0>(run, n, times, deltas, values); break;
     }
+    hot.state = static_cast<unsigned>(n) < capacity ? kFinished : kMore;
+    if (hot.state == kMore) RefillAddresses(*cold.store, cold.cursor, RefillAt(entry));
+    return n;
+}
+
+// One batch of the store's next events, spread into the entry's items.
+bool KEventMerge::Refill(std::int32_t entry) {
+    Hot& hot = m_hot[entry];
+    hot.at = 0;
+    hot.count = 0;
+    if (hot.state == kFinished) return false;
+    const int n = Decode(entry, 0, hot.room);
     hot.count = static_cast<std::uint16_t>(n);
-    hot.finished = n < hot.room;
     return n > 0;
+}
+
+void KEventMerge::RefillBehind(std::int32_t entry) {
+    Hot& hot = m_hot[entry];
+    const unsigned itemBytes = ItemBytes(hot.valueSize);
+    unsigned char* run = m_decoded + hot.base;
+    std::memcpy(run, run + std::size_t{hot.at} * itemBytes, itemBytes);
+    hot.at = 0;
+    hot.count = static_cast<std::uint16_t>(1 + Decode(entry, 1, hot.room - 1u));
+}
+
+// At most one entry joins per event and the oldest leaves kRefillAfter events after it joined,
+// so the queue never holds more than kRefillAfter.
+void KEventMerge::Defer(std::int32_t entry) {
+    m_hot[entry].state = kPending;
+    const auto* at = reinterpret_cast<const unsigned char*>(RefillAt(entry));
+    PrefetchLine(at);
+    PrefetchLine(at + kRefillAddresses * sizeof(void*) / 2);
+    PrefetchLine(at + kRefillAddresses * sizeof(void*) - 1);
+    m_queue[m_queueTail % kQueueRoom] = Pending{entry, m_step};
+    ++m_queueTail;
+}
+
+void KEventMerge::RunQueue() {
+    if (m_queuePrefetched != m_queueTail) {
+        const Pending& p = m_queue[m_queuePrefetched % kQueueRoom];
+        if (m_step - p.step >= kPrefetchRefillAfter) {
+            if (m_hot[p.entry].state == kPending) {
+                const void* const* at = RefillAt(p.entry);
+                for (unsigned i = 0; i < kRefillAddresses; ++i) {
+                    if (at[i]) PrefetchLine(at[i]);
+                }
+                PrefetchLine(m_decoded + m_hot[p.entry].base);
+            }
+            ++m_queuePrefetched;
+        }
+    }
+    const Pending& p = m_queue[m_queueHead % kQueueRoom];
+    if (m_step - p.step < kRefillAfter) return;
+    ++m_queueHead;
+    if (m_hot[p.entry].state == kPending) RefillBehind(p.entry);
 }
 
 // Fibonacci hashing of the time with the delta folded in (deltas are small, times are often

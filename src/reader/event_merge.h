@@ -19,7 +19,14 @@
 // out of cache, so each entry decodes its store's next events (up to kAhead) at once into a
 // run of its own in one shared array; the per-event work touches only a small array of hot
 // entry state and the current item of the entry's run, which is prefetched while the event
-// before it is handed out. The cursors (cold state) are met once per refill.
+// before it is handed out (with the item after it).
+//
+// Refills run late. A refill meets its store's cursor, handle, body, chunk tables and bytes out
+// of cache; the store layer tells, after each refill, where the next one will read. When an
+// entry steps onto the last item of its run it joins a short queue of pending refills: a few
+// events later the places of its next refill are prefetched, a few more and the refill runs,
+// keeping the current item as the run's first, while other events are handed out meanwhile. An
+// entry that must step past its last item before its turn in the queue refills at once.
 #ifndef TARVEL_READER_EVENT_MERGE_H
 #define TARVEL_READER_EVENT_MERGE_H
 
@@ -27,6 +34,7 @@
 #include <cstring>
 
 #include "foundation/memory.h"
+#include "store/store_access.h"
 #include "tarvel/events_store.h"
 
 namespace Tarvel {
@@ -80,6 +88,13 @@ private:
     // How far ahead in the current batch the items of the entries to come are prefetched, and
     // (twice as far) their entry state, which the item's address and the list link come from.
     static constexpr unsigned kPrefetchDistance = 8;
+    // Pending refills: events after an entry joins the queue until the places its refill reads
+    // are prefetched, and until the refill runs; the queue's room (a power of two, more than it
+    // ever holds: at most one entry joins per event).
+    static constexpr std::uint32_t kPrefetchRefillAfter = 20;
+    static constexpr std::uint32_t kRefillAfter = 48;
+    static constexpr std::uint32_t kQueueRoom = 64;
+    static_assert(kPrefetchRefillAfter < kRefillAfter && kRefillAfter < kQueueRoom && (kQueueRoom & (kQueueRoom - 1)) == 0);
     // The stamp table's slots at the start of a pass (fewer when the entries need fewer).
     static constexpr std::uint32_t kFirstSlots = 256;
     // A decoded event: the time at byte 0, the delta at 8, the value bytes at 12 (4 or 8 of
@@ -94,7 +109,13 @@ private:
         std::uint16_t at;        // the current event among them
         std::uint16_t count;     // events decoded into them
         std::uint8_t valueSize;  // the store's value size (0, 4 or 8)
-        bool finished;           // the store has no events beyond those decoded
+        std::uint8_t state;      // kMore, kFinished (no events beyond those decoded) or kPending (queued for a refill)
+    };
+    enum : std::uint8_t { kMore = 0, kFinished = 1, kPending = 2 };
+    // A queued refill and the step at which it joined.
+    struct Pending {
+        std::int32_t entry;
+        std::uint32_t step;
     };
     // What the entry needs once per refill.
     struct Cold {
@@ -110,8 +131,19 @@ private:
     };
 
     void FreeAll() noexcept;
-    // Decodes the entry's next events; false when its store has no more.
+    // Decodes the entry's next events from its run's start; false when its store has no more.
     bool Refill(std::int32_t entry);
+    // Decodes the entry's next events behind its current (last) item, which moves to the run's start.
+    void RefillBehind(std::int32_t entry);
+    // Decodes `capacity` events (at most) into the entry's items from `first` on; returns how many.
+    int Decode(std::int32_t entry, unsigned first, unsigned capacity);
+    // Queues the entry's refill (it stands on its run's last item, its store has more).
+    void Defer(std::int32_t entry);
+    // Advances the queue by one event: prefetches and refills those whose time has come.
+    void RunQueue();
+    const void** RefillAt(std::int32_t entry) const {
+        return m_refillAt + std::size_t{static_cast<std::uint32_t>(entry)} * kRefillAddresses;
+    }
     template <unsigned kValueSize>
     static void SpreadItems(unsigned char* run, int n, const int64* times, const unsigned* deltas, const unsigned char* values);
     const unsigned char* Current(std::int32_t entry) const {
@@ -150,9 +182,18 @@ private:
     Stamp HeapPop();
     void Prefetch(std::int32_t entry) const {
 #if defined(__GNUC__) || defined(__clang__)
-        __builtin_prefetch(Current(entry));
+        const unsigned char* item = Current(entry);
+        __builtin_prefetch(item);
+        __builtin_prefetch(item + ItemBytes(m_hot[entry].valueSize));
 #else
         (void)entry;
+#endif
+    }
+    static void PrefetchLine(const void* address) {
+#if defined(__GNUC__) || defined(__clang__)
+        __builtin_prefetch(address);
+#else
+        (void)address;
 #endif
     }
     void PrefetchHot(std::int32_t entry) const {
@@ -185,6 +226,11 @@ private:
     Hot* m_hot = nullptr;           // one per source, in entry order
     std::int32_t* m_next = nullptr; // per entry, the entry after it in its list; -1 at the end
     Cold* m_cold = nullptr;         // one per source, in entry order
+    const void** m_refillAt = nullptr;  // per entry, kRefillAddresses places its next refill reads
+    Pending m_queue[kQueueRoom];    // pending refills, a ring from m_queueHead to m_queueTail
+    std::uint32_t m_queueHead = 0, m_queueTail = 0;  // counters; index modulo kQueueRoom
+    std::uint32_t m_queuePrefetched = 0;  // queue counter whose places are prefetched next (head <= it <= tail)
+    std::uint32_t m_step = 0;       // events stepped so far (wraps)
     unsigned char* m_decoded = nullptr;  // the entries' decoded events, one run of `room` items per entry
     std::uint64_t m_decodedBytes = 0;
     std::int32_t m_entryCount = 0;  // entries constructed so far
@@ -210,7 +256,10 @@ inline bool KEventMerge::Next() {
     Hot& hot = m_hot[e];
     m_batch = m_next[e];
     PrefetchStep();
-    if (++hot.at < hot.count || Refill(e)) {
+    ++m_step;
+    if (m_queueHead != m_queueTail) RunQueue();
+    if (++hot.at + 1 == hot.count && hot.state == kMore && hot.room > 1) Defer(e);
+    if (hot.at < hot.count || Refill(e)) {
         const Stamp stamp = StampOf(e);
         if (stamp == m_now) {  // another event at the same stamp: it is the newest, so it is next
             m_next[e] = m_batch;

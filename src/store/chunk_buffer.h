@@ -109,6 +109,15 @@ public:
         return m_chunks[chunk] + offset;
     }
 
+    // What a read from `pos` meets first: the chunk table's slot and the byte itself (both null
+    // at or past size()). For callers that prefetch a read long before they make it.
+    void ReadAddresses(std::uint64_t pos, const void** slot, const void** byte) const {
+        *slot = *byte = nullptr;
+        if (pos >= m_size) return;
+        *slot = &m_chunks[pos >> ChunkBits];
+        *byte = m_chunks[pos >> ChunkBits] + (pos & kChunkMask);
+    }
+
     // Returns a pointer to kSpanBytes bytes starting at `pos` (pos < size()): into the chunk when
     // they lie in one allocation, else assembled into `scratch`. Bytes past size() are
     // unspecified; callers check code lengths against size().

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "store/event_cursor.h"
+#include "store/store_access.h"
 #include "tarvel/events_store.h"
 
 namespace Tarvel {
@@ -222,6 +223,31 @@ int KEventsStore::GetNextEvents(KEventData* data, int capacity, int64* times, un
     if (values) ReadValues(*m_body, first, n, values, &c->values);
     if (sources) ReadSources(*m_body, first, n, sources, &c->sources);
     return static_cast<int>(n);
+}
+
+void RefillAddresses(const KEventsStore& store, const KEventData& data, const void** out) {
+    for (unsigned i = 0; i < kRefillAddresses; ++i) out[i] = nullptr;
+    const EventCursor* c = StoreAccess::Cursor(data);
+    const KEventsStoreBody* body = StoreAccess::Body(store);
+    // The cursor's lines: its start (index, time, time-step position), its value position, and
+    // the handle and body it was bound to, which GetNextEvents compares first.
+    out[0] = c;
+    out[1] = &c->values;
+    out[2] = &c->body;
+    out[3] = &store;
+    out[4] = body;
+    out[5] = reinterpret_cast<const unsigned char*>(&body->timeDeltas) + sizeof body->timeDeltas - 1;
+    if (c->handle != &store || c->body != body) return;  // the next batch starts over
+    body->timeDeltas.ReadAddresses(c->steps, &out[6], &out[7]);
+    const IValueStore* values = body->values;
+    out[8] = values;
+    switch (body->valueKind) {
+        case ValueKind::kSize1: static_cast<const KValueStore<4, 1>*>(values)->ReadAddresses(c->values, &out[9], &out[10]); break;
+        case ValueKind::kSize4: static_cast<const KValueStore<4, 4>*>(values)->ReadAddresses(c->values, &out[9], &out[10]); break;
+        case ValueKind::kSize8: static_cast<const KValueStore<8, 8>*>(values)->ReadAddresses(c->values, &out[9], &out[10]); break;
+        case ValueKind::kNone: out[8] = nullptr; break;
+    }
+    if (out[8]) out[11] = reinterpret_cast<const unsigned char*>(values) + 63;  // the value store spans two lines at most
 }
 
 void KEventsStore::Cache(KEventData* data, KEventsStoreCache* cache) const {

@@ -132,6 +132,13 @@ public:
 
     std::uint64_t MemoryBytes() const { return m_bytes.MemoryBytes() + (m_finder ? sizeof(Finder) : 0); }
 
+    // The chunk table slot and the record header a read continuing from `cursor` meets first
+    // (null before any read or past the records).
+    void ReadAddresses(const PackCursor& cursor, const void** slot, const void** byte) const {
+        *slot = *byte = nullptr;
+        if (cursor.first >= 0) m_bytes.ReadAddresses(cursor.Position(), slot, byte);
+    }
+
     // Reads item `index` into *out. Returns false when there is no such item.
     bool Read(std::int64_t index, Word* out, PackCursor* cursor) const {
         if (index >= cursor->first && index < static_cast<std::int64_t>(cursor->first) + cursor->items && cursor->first >= 0) {

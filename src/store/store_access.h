@@ -11,7 +11,16 @@ namespace Tarvel {
 struct StoreAccess {
     static KEventsStoreBody* Body(const KEventsStore& store) { return store.m_body; }
     static KEventsStoreBody** BodySlot(KEventsStore& store) { return &store.m_body; }
+    static const EventCursor* Cursor(const KEventData& data) { return data.m_cursor; }
 };
+
+// What the next KEventsStore::GetNextEvents of `store` on `data` (values wanted, sources not)
+// reads first: the cursor, the handle, the body, and the chunk table slots and bytes of the
+// time steps and values where the cursor stands. For a caller that walks many stores in turn
+// and prefetches a store's state before its turn comes, while the state is still in cache from
+// the last batch. Writes kRefillAddresses addresses to `out`, null where there is nothing.
+inline constexpr unsigned kRefillAddresses = 12;
+void RefillAddresses(const KEventsStore& store, const KEventData& data, const void** out);
 
 // Refilling a store's time steps, as KDirectTimeDeltaStore does; the file reader's block parser
 // uses these directly, without a virtual call per step.

@@ -105,6 +105,10 @@ public:
     // codes are expanded. Stops early at the end code, the end of the bytes or an invalid code.
     // Returns the number of steps; the cursor then stands after the last.
     unsigned NextSteps(TimeCursor* cursor, std::uint64_t* time, unsigned capacity, int64* times, unsigned* deltas) const;
+    // The chunk table slot and the byte the next NextSteps from `cursor` reads first (null at the end).
+    void ReadAddresses(const TimeCursor& cursor, const void** slot, const void** byte) const {
+        m_bytes.ReadAddresses(cursor.position, slot, byte);
+    }
     // Emits the stream's codes in order (single steps and repeats), stopping at the end code.
     bool Emit(ITimeDeltaWriter* writer) const;
 

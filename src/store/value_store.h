@@ -70,6 +70,9 @@ public:
     void CopyFrom(const KStore& other) { m_packer.CopyFrom(other.m_packer); }
     std::uint64_t MemoryBytes() const { return m_packer.MemoryBytes(); }
     bool Read(std::int64_t index, Word* out, PackCursor* cursor) const { return m_packer.Read(index, out, cursor); }
+    void ReadAddresses(const PackCursor& cursor, const void** slot, const void** byte) const {
+        m_packer.ReadAddresses(cursor, slot, byte);
+    }
     // Items index, index + 1, ... (up to `count`) to out(k, item); returns how many there were.
     template <class Out>
     std::uint32_t ReadRange(std::int64_t index, std::uint32_t count, PackCursor* cursor, Out&& out) const {
@@ -207,6 +210,9 @@ public:
     // The values of events index .. index + count - 1, kValueBytes each, into `buffer`; returns how
     // many the store keeps (fewer when values end before). Not virtual: callers dispatch on the
     // body's value kind once per batch.
+    void ReadAddresses(const PackCursor& cursor, const void** slot, const void** byte) const {
+        m_store.ReadAddresses(cursor, slot, byte);
+    }
     std::uint32_t ReadValues(std::int64_t index, std::uint32_t count, unsigned char* buffer, PackCursor* cursor) const {
         return m_store.ReadRange(index, count, cursor,
                                  [buffer](std::uint32_t k, Word word) { PackBytes::Store<Word>(buffer + std::size_t{k} * sizeof(Word), word); });

@@ -84,5 +84,24 @@ TEST(EventMerge, MatchesTheMapModelOnRandomStores) {
     }
 }
 
+// Long stores that reach the ends of their decoded runs together: on one shared clock hundreds
+// of refills wait at once (more than the queue holds), and a fast store among slow ones steps
+// past its run's end before its refill's turn.
+TEST(EventMerge, MatchesTheMapModelWhenManyRefillsWait) {
+    std::mt19937_64 rng(11);
+    std::vector<KEventsStore> stores;
+    stores.reserve(301);
+    std::vector<std::pair<int, const KEventsStore*>> entries;
+    for (int i = 0; i < 300; ++i) {
+        stores.push_back(RandomStore(rng, i % 3 == 0 ? Shape::kCrowded : Shape::kClock, 4, 400 + i % 7));
+        entries.emplace_back(i, &stores.back());
+    }
+    stores.push_back(RandomStore(rng, Shape::kCrowded, 8, 5000));
+    entries.emplace_back(300, &stores.back());
+    const std::vector<MergedEvent> expected = ModelPass(entries), got = MergePass(entries);
+    ASSERT_EQ(expected.size(), got.size());
+    EXPECT_TRUE(expected == got);
+}
+
 }  // namespace
 }  // namespace Tarvel::Testing
