@@ -356,13 +356,18 @@ TEST(DamagedFiles, RandomlyDamagedFilesGiveNullOrASoundReader) {
     Watchdog watchdog(kSanitized ? 120 : 20);
     std::uint64_t files = 0, readable = 0, bytes = 0;
     std::string whole;
+    std::uint64_t fileSeed = 0;
     for (std::uint64_t seed; rounds.Next(&seed);) {
         SCOPED_TRACE(SeedTrace(seed));
         std::mt19937_64 rng(seed);
         if (whole.empty() || rng() % 8 == 0) {  // a new writer-made file now and then
             Design(seed, source, false, {1 + static_cast<int>(rng() % 8), 1 + static_cast<int>(rng() % 2)}).Run();
             whole = ReadBytes(source);
+            fileSeed = seed;
         }
+        // A round damages the file an earlier round made, so its seed alone may not repeat it;
+        // the damaged files are kept for that.
+        SCOPED_TRACE("writer-made file of seed " + std::to_string(fileSeed));
         const std::string damaged = Mutate(whole, rng), later = rng() % 2 ? whole : Mutate(whole, rng);
         watchdog.Start("damaged file of seed " + std::to_string(seed));
         int opened = 0;
