@@ -205,7 +205,13 @@ bool KStreamRead<kHandles>::GetSignalInfo(int handle, bool* hasSubElements, int*
                 children = 0;
             }
         } else {
+            // The count is the raw reader's, but never above the children this reader indexed:
+            // GetChild does not check its index, and a Continue that failed half-way may have
+            // attached more children in the raw reader than the index holds.
             if (!RawPlace(handle, &children, endTime, name, nameSize, nullptr, nullptr)) children = 0;
+            const SignalRecord* record = Find(handle);
+            const int indexed = record ? static_cast<int>(record->children.size()) : 0;
+            if (children > indexed) children = indexed;
         }
     } catch (const std::bad_alloc&) {
         children = 0;

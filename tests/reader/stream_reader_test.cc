@@ -288,6 +288,28 @@ std::ptrdiff_t Slot(F member) {
     return (raw - 1) / static_cast<std::ptrdiff_t>(sizeof(void*));
 }
 
+// A Continue that fails half-way (here on a bad line after a $CHILD) may leave the raw reader
+// with more children than the reader indexed; the child count a caller gets must still be one
+// that the unchecked GetChild of CreateStreamRead can be walked with.
+TEST(StreamReader, ChildCountAfterAFailedContinueStaysWithinTheIndex) {
+    Folder folder;
+    const std::string path = folder.File("failed.twf");
+    const std::string head = "$WAVE4\r\nI 1 \"p#4#time#2#fs\"\r\n$IN 5 1 a\r\n$BUS VBUS 9 0 0 v\r\n";
+    for (const bool byPosition : {false, true}) {
+        std::ofstream(path, std::ios::binary) << head << ":";
+        Reader r = Open(path, byPosition);
+        ASSERT_TRUE(r);
+        std::ofstream(path, std::ios::binary) << head << "$CHILD 5 9 0\r\n$BOGUS\r\n:";
+        EXPECT_FALSE(r->Continue());
+        for (int t = 0; t < r->GetTopLevelCount(); ++t) {
+            const int handle = r->GetTopLevel(t);
+            int count = -1;
+            r->GetSignalInfo(handle, nullptr, &count, nullptr, nullptr, nullptr);
+            for (int c = 0; c < count; ++c) EXPECT_GE(r->GetChild(handle, c), 0);
+        }
+    }
+}
+
 TEST(StreamReader, SlotOrderAndAFileWithoutSignals) {
     using I = ITarvelRead;
     const std::vector<std::ptrdiff_t> slots = {
