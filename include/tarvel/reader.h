@@ -82,7 +82,8 @@ public:
     //   *count: CreateStreamRead2: the number of elements of the signal's array type or fields
     //   of its record type, 0 for any other type or none (a scope or a virtual bus too: walk
     //   their children with GetChild until -1); CreateStreamRead: the number of children the
-    //   file attaches to it.
+    //   file attaches to it, as the reader indexed them when it opened the file or last read
+    //   on successfully (so GetChild below this count is always safe).
     //   *hasSubElements: whether *count is not 0.
     //   *endTime, name, *nameSize: as IRawTarvelRead::GetSignalPlace: the declaration time; the
     //   name relative to the parent ("(7)", a field name, or the declared name at the top),
