@@ -2,6 +2,8 @@
 // layer.
 #include "read_file.h"
 
+#include "signal_tree.h"
+
 #include <tarvel/diagnostics.h>
 #include <tarvel/port_mode.h>
 
@@ -267,42 +269,8 @@ void ReadFile::Build() {
         const bool element = s.parent >= 0 && m_signals[static_cast<std::size_t>(s.parent)].kind == SignalKind::kBus;
         if (element && s.mode == 0) s.mode = m_signals[static_cast<std::size_t>(s.parent)].mode;
     }
-    std::vector<bool> named(m_signals.size());
-    for (std::size_t i = 0; i < m_signals.size(); ++i) NameFully(static_cast<int>(i), named);
-    for (std::size_t i = 0; i < m_signals.size(); ++i) {
-        const int parent = m_signals[i].parent;
-        if (parent >= 0) m_signals[static_cast<std::size_t>(parent)].children.push_back(static_cast<int>(i));
-    }
-    for (SignalRecord& s : m_signals) {
-        std::stable_sort(s.children.begin(), s.children.end(), [this](int a, int b) {
-            return m_signals[static_cast<std::size_t>(a)].position < m_signals[static_cast<std::size_t>(b)].position;
-        });
-    }
+    Tarvel::Client::LinkSignalTree(m_signals, nullptr);
     ReadProperties();
-}
-
-// The full name from the top down. A parent chain that loops (only a damaged file makes one) is
-// cut: the signal where the loop closes is put at the top.
-void ReadFile::NameFully(int index, std::vector<bool>& named) {
-    std::vector<int> chain;  // from `index` up to the first signal named already
-    for (int at = index; at >= 0 && !named[static_cast<std::size_t>(at)];) {
-        if (std::find(chain.begin(), chain.end(), at) != chain.end()) {
-            m_signals[static_cast<std::size_t>(chain.back())].parent = -1;
-            break;
-        }
-        chain.push_back(at);
-        at = m_signals[static_cast<std::size_t>(at)].parent;
-    }
-    for (auto it = chain.rbegin(); it != chain.rend(); ++it) {
-        SignalRecord& s = m_signals[static_cast<std::size_t>(*it)];
-        named[static_cast<std::size_t>(*it)] = true;
-        if (s.parent < 0) {
-            s.fullName = s.name;
-            continue;
-        }
-        const std::string& up = m_signals[static_cast<std::size_t>(s.parent)].fullName;
-        s.fullName = !s.name.empty() && s.name[0] == '(' ? up + s.name : up + "." + s.name;
-    }
 }
 
 // Each signal's properties (the last value of a name wins) and the file's own.

@@ -92,7 +92,6 @@ private:
     ReadFile(std::string path, Tarvel::IRawTarvelRead* reader, bool filtered);
     void Build();
     bool HoldsSignalsNamed(const std::vector<std::string>& names) const;
-    void NameFully(int index, std::vector<bool>& named);
     void ReadProperties();
 
     std::string m_path;

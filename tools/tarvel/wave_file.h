@@ -64,7 +64,6 @@ public:
 private:
     WaveFile(std::string path, Tarvel::IRawTarvelRead* reader);
     void Build();
-    void NameFully(int index, std::vector<bool>& named);
 
     std::string m_path;
     Tarvel::IRawTarvelRead* m_reader;  // owned
