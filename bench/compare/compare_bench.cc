@@ -241,10 +241,12 @@ int ReadTarvel(const char* path) {
     if (!r) return 1;
     const double open = Since(start);
     std::uint64_t changes = 0, checksum = 0;
+    // The value's first byte goes into the checksum, as in the FST peer's read (a wider load
+    // over the 4 bytes a std_logic value fills would also stall on store forwarding).
+    unsigned char value[8] = {};
     for (int h; (h = r->NextEvent()) >= 0;) {
-        std::uint64_t v = 0;
-        r->GetEventValue(&v);
-        checksum += static_cast<std::uint64_t>(*r->GetEventTime()) ^ v;
+        r->GetEventValue(value);
+        checksum += static_cast<std::uint64_t>(*r->GetEventTime()) ^ value[0];
         ++changes;
     }
     r->Release();

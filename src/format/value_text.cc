@@ -1,6 +1,7 @@
 // Value text: the float form and reading. Format layer; see the header.
 #include "format/value_text.h"
 
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -13,8 +14,10 @@ std::string_view FloatText(const unsigned char* bytes, char (&out)[40]) noexcept
     double value;
     std::memcpy(&value, &raw, sizeof value);
     if (std::isnan(value)) return kNotANumber;
-    const int n = std::snprintf(out, sizeof out, "%g", value);
-    return std::string_view(out, static_cast<std::size_t>(n));
+    // As printf's "%g" in the C locale (six significant digits), which to_chars with a precision
+    // is defined to match, at a fraction of its cost.
+    const std::to_chars_result r = std::to_chars(out, out + sizeof out, value, std::chars_format::general, 6);
+    return std::string_view(out, static_cast<std::size_t>(r.ptr - out));
 }
 
 bool ReadStdLogicText(KLexer& lexer, int& c, unsigned char* bytes) noexcept {

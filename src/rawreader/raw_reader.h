@@ -194,6 +194,7 @@ private:
     bool ParseTimePart(int& c, KBlockSteps& steps);
     bool ParsePoint(int& c, TimeDelta* point);
     bool ReadShortPoint(TimeDelta* point);
+    int ReadShortValues(const SignalEntry& typed, std::uint64_t* words, int room);
     bool ParseValuePart(int& c, KEventsStore& store, const SignalEntry& typed);
     bool ParseValue(int& c, const SignalEntry& typed, unsigned char* bytes);
     bool ParseSourcePart(int& c, KEventsStore& store, std::uint32_t eventsBefore);

@@ -2,8 +2,11 @@
 // text by the signals' type) and the source part, refilling the listed signals' stores through
 // the direct stores; and, in a filtered parse, passing over the blocks of signals not kept. Raw
 // reader layer; one thread at a time.
+#include <array>
+#include <charconv>
 #include <cstdlib>
 #include <cstring>
+#include <system_error>
 
 #include "format/index_lists.h"
 #include "format/numbers.h"
@@ -358,10 +361,84 @@ bool KRawTarvelRead::ParsePoint(int& c, TimeDelta* point) {
     return true;
 }
 
+namespace {
+
+constexpr std::uint64_t kPowersOfTen[9] = {1, 10, 100, 1000, 10000, 100000, 1000000, 10000000, 100000000};
+
+// Per byte: its std_logic code when it is one of UX01ZWLH-, else -1.
+constexpr std::array<std::int8_t, 256> MakeStdLogicCodes() {
+    std::array<std::int8_t, 256> codes{};
+    for (std::size_t i = 0; i < codes.size(); ++i) codes[i] = static_cast<std::int8_t>(Format::StdLogicCode(static_cast<char>(i)));
+    return codes;
+}
+constexpr std::array<std::int8_t, 256> kStdLogicCodes = MakeStdLogicCodes();
+
+}  // namespace
+
+// The most common value lines, read in place from the lexer's buffer into `words` (at most
+// `room`): a std_logic character, an integer ("-"? up to 15 digits) or a real number (digits,
+// ".", "e", signs), each alone on its line with CR LF or LF. Stops at the first line of another
+// form, of another type, or not wholly in the buffer; that line is left for the general path,
+// which reads every form (and reports faults).
+int KRawTarvelRead::ReadShortValues(const SignalEntry& typed, std::uint64_t* words, int room) {
+    const unsigned char* p = m_lexer.Cursor();
+    const unsigned char* const end = m_lexer.BufferEnd();
+    int n = 0;
+    if (typed.typeId == m_stdLogic && m_stdLogic >= 0) {
+        while (n < room && end - p >= 4) {
+            const int code = kStdLogicCodes[p[0]];
+            const unsigned char* q = p + 1 + (p[1] == '\r');
+            if (code < 0 || *q != '\n') break;
+            words[n++] = static_cast<std::uint64_t>(code);
+            p = q + 1;
+        }
+    } else if (typed.type.Kind() == kTypeInteger || typed.type.Kind() == kTypeLongInteger || typed.type.Kind() == kTypePhysical) {
+        while (n < room && end - p >= 32) {
+            const unsigned char* q = p;
+            const bool negative = *q == '-';
+            q += negative;
+            std::uint64_t value = 0;
+            unsigned digits = LeadingDigits(q, &value);
+            if (digits == 0) break;
+            if (digits == 8) {
+                std::uint64_t low = 0;
+                const unsigned more = LeadingDigits(q + 8, &low);
+                if (more == 8) break;  // 16 digits or more: the general path wraps them around
+                value = value * kPowersOfTen[more] + low;
+                digits += more;
+            }
+            q += digits;
+            q += *q == '\r';
+            if (*q != '\n') break;
+            words[n++] = negative ? 0 - value : value;
+            p = q + 1;
+        }
+    } else if (typed.type.Kind() == kTypeFloat) {
+        while (n < room && end - p >= 64) {
+            const unsigned char* q = p;
+            while (q < p + 40 && (KLexer::IsDigit(*q) || *q == '.' || *q == 'e' || *q == '-' || *q == '+')) ++q;
+            const unsigned char* const token = q;
+            q += *q == '\r';
+            if (*q != '\n' || token == p || *p == '+') break;
+            double value = 0;
+            const auto read = std::from_chars(reinterpret_cast<const char*>(p), reinterpret_cast<const char*>(token), value);
+            if (read.ec != std::errc() || read.ptr != reinterpret_cast<const char*>(token)) break;
+            std::uint64_t raw;
+            std::memcpy(&raw, &value, sizeof raw);
+            words[n++] = raw;
+            p = q + 1;
+        }
+    }
+    m_lexer.Consume(p);
+    return n;
+}
+
 bool KRawTarvelRead::ParseValuePart(int& c, KEventsStore& store, const SignalEntry& typed) {
     KDirectValueStore values(&store);
     unsigned char bytes[kMaxPatternLength][8];
+    std::uint64_t words[256];
     for (;;) {
+        for (int n; (n = ReadShortValues(typed, words, 256)) > 0;) AppendDirectValues(store, words, static_cast<std::size_t>(n));
         c = m_lexer.Next();
         if (c == Format::kKeywordLead) {
             c = m_lexer.Next();

@@ -43,19 +43,19 @@ KEventMerge::KEventMerge(const Vector<Source>& sources) {
         m_next = AllocateArray<std::int32_t>(n);
         m_cold = AllocateArray<Cold>(n);
         m_refillAt = AllocateArray<const void*>(n * kRefillAddresses);
-        unsigned ahead = kAhead;
+        unsigned ahead = kMostAhead;
         for (; ahead > kLeastAhead; ahead /= 2) {
             std::uint64_t bytes = 0;
             for (const Source& source : sources) {
                 const unsigned valueSize = static_cast<unsigned>(source.store->GetSize());
                 bytes += std::uint64_t{RoomFor(source.store->count(), ahead)} * ItemBytes(valueSize);
             }
-            if (bytes <= kRunBudget) break;
+            if (bytes <= (ahead > kAhead ? kSmallRunBudget : kRunBudget)) break;
         }
         for (const Source& source : sources) {
             const auto room = static_cast<std::uint16_t>(RoomFor(source.store->count(), ahead));
             const auto valueSize = static_cast<std::uint8_t>(source.store->GetSize());
-            if (m_decodedBytes > 0xFFFFFFFFu - 24u * kAhead) throw std::bad_alloc();  // byte offsets are 32-bit
+            if (m_decodedBytes > 0xFFFFFFFFu - 24u * kMostAhead) throw std::bad_alloc();  // byte offsets are 32-bit
             m_hot[m_entryCount] = Hot{source.handle, static_cast<std::uint32_t>(m_decodedBytes), room, 0, 0, valueSize, kMore};
             m_next[m_entryCount] = -1;
             m_decodedBytes += std::uint64_t{room} * ItemBytes(valueSize);
@@ -108,9 +108,9 @@ void KEventMerge::SpreadItems(unsigned char* run, int n, const int64* times, con
 int KEventMerge::Decode(std::int32_t entry, unsigned first, unsigned capacity) {
     Hot& hot = m_hot[entry];
     Cold& cold = m_cold[entry];
-    int64 times[kAhead];
-    unsigned deltas[kAhead];
-    unsigned char values[kAhead * 8];
+    int64 times[kMostAhead];
+    unsigned deltas[kMostAhead];
+    unsigned char values[kMostAhead * 8];
     const unsigned valueSize = hot.valueSize;
     const int n =
         cold.store->GetNextEvents(&cold.cursor, static_cast<int>(capacity), times, deltas, valueSize > 0 ? values : nullptr, nullptr);

@@ -85,6 +85,10 @@ private:
     static constexpr unsigned kAhead = 128;
     static constexpr unsigned kLeastAhead = 32;
     static constexpr std::uint64_t kRunBudget = std::uint64_t{32} << 20;
+    // A pass over few stores decodes up to kMostAhead at a time while all runs together stay
+    // within kSmallRunBudget (cache-sized): a lone clock then refills 8 times less often.
+    static constexpr unsigned kMostAhead = 1024;
+    static constexpr std::uint64_t kSmallRunBudget = std::uint64_t{256} << 10;
     // How far ahead in the current batch the items of the entries to come are prefetched, and
     // (twice as far) their entry state, which the item's address and the list link come from.
     static constexpr unsigned kPrefetchDistance = 8;
@@ -264,6 +268,17 @@ inline bool KEventMerge::Next() {
         if (stamp == m_now) {  // another event at the same stamp: it is the newest, so it is next
             m_next[e] = m_batch;
             m_batch = e;
+            return true;
+        }
+        if (m_batch < 0 && (m_heapSize == 0 || stamp < m_heap[0])) {
+            // The batch is done and nothing waits at or before the store's next stamp: that stamp
+            // would come straight back out of the table as a batch of this store alone, so it
+            // becomes the current batch without passing through the table and the heap (a lone
+            // signal, or one that changes ahead of all the others, costs no hashing).
+            m_now = stamp;
+            m_next[e] = -1;
+            m_batch = e;
+            m_ahead = m_link = -1;
             return true;
         }
         if (stamp < m_now) PutBackBatch();

@@ -1,6 +1,7 @@
 // The direct stores: refill a store's time steps, values and sources from exactly the calls an
 // emission makes, as a file reader does. Store layer; a direct store and its handle belong to
 // one thread.
+#include "store/event_append.h"
 #include "store/events_store_body.h"
 #include "store/store_access.h"
 #include "tarvel/events_store.h"
@@ -92,6 +93,17 @@ bool KDirectValueStore::pushValue(const unsigned char* value) {
     values->PrepareAppend();
     values->AppendValue(value);
     return true;
+}
+
+void AppendDirectValues(KEventsStore& store, const std::uint64_t* words, std::size_t count) {
+    WithValueStore(*StoreAccess::Body(store), [&](auto& values) {
+        for (std::size_t i = 0; i < count; ++i) {
+            unsigned char bytes[8];
+            LittleEndian::Store<std::uint64_t>(bytes, words[i]);
+            values.PrepareAppend();
+            values.AppendValue(bytes);
+        }
+    });
 }
 
 bool KDirectValueStore::pushRepeatedValue(int length, const int64& count, const unsigned char* const* values) {

@@ -43,6 +43,11 @@ inline void ShrinkTimeSteps(KEventsStore& store) noexcept {
     KEventsStoreBody* body = StoreAccess::Body(store);
     if (body->OwnedAlone()) body->timeDeltas.ShrinkToFit();
 }
+// Appends `count` values to a store whose values are open for a refill (a KDirectValueStore is
+// alive on it), as as many KDirectValueStore::pushValue calls would, without a virtual call per
+// value: each word's low bytes (the store's value size), little-endian, are a value. Nothing
+// happens for a store without values. May throw std::bad_alloc; the values appended before stay.
+void AppendDirectValues(KEventsStore& store, const std::uint64_t* words, std::size_t count);
 // Appends a repeat code; false for a length outside 1-4 or a negative count.
 bool AppendDirectRepeat(DirectStepsState& state, int length, int64 count, const std::pair<int64, int>* steps);
 

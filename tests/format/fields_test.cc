@@ -222,7 +222,15 @@ TEST(FormatFields, ValueTextOfEveryKind) {
     }
     // Reals as "%g": what reads back is the printed value; NaN and the infinities stay what they are.
     const TypeHandle real("f#4#real");
-    for (double d : {0.5, -1.25, 1e20, -0.0, 1e-310, 0.1, 1.0 / 3, HUGE_VAL, -HUGE_VAL, std::nan("")}) {
+    std::vector<double> reals = {0.5, -1.25, 1e20, -0.0, 1e-310, 0.1, 1.0 / 3, HUGE_VAL, -HUGE_VAL, std::nan(""), 999999.5, 0.0001, 1e-5};
+    std::uint64_t seed = 12345;  // and random bit patterns: every exponent, subnormals, odd mantissas
+    for (int i = 0; i < 20000; ++i) {
+        seed = seed * 6364136223846793005ull + 1442695040888963407ull;
+        double d;
+        std::memcpy(&d, &seed, 8);
+        reals.push_back(d);
+    }
+    for (double d : reals) {
         std::uint64_t bits;
         std::memcpy(&bits, &d, 8);
         const std::uint64_t back = ValueRoundTrip(real, bits, &text);
