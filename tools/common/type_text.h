@@ -26,9 +26,13 @@ inline std::string LiteralText(const Sorvat::KTypeInfo& type, std::uint32_t code
     const unsigned char bytes[4] = {static_cast<unsigned char>(code), static_cast<unsigned char>(code >> 8),
                                     static_cast<unsigned char>(code >> 16), static_cast<unsigned char>(code >> 24)};
     char text[128];
-    if (!type.GetValueString_OldFormatLen(text, sizeof text, bytes, 0, 0)) return "?" + std::to_string(code);
-    if (!type.IsStdLogicConversionAllowed() && type.IsCharValue(bytes)) return std::string("'") + text + "'";
-    return text;
+    std::string out;
+    if (!type.GetValueString_OldFormatLen(text, sizeof text, bytes, 0, 0)) return out.append("?").append(std::to_string(code));
+    const bool quoted = !type.IsStdLogicConversionAllowed() && type.IsCharValue(bytes);
+    if (quoted) out.push_back('\'');
+    out.append(text);
+    if (quoted) out.push_back('\'');
+    return out;
 }
 
 inline std::string TypeText(const Sorvat::KTypeInfo& type);
@@ -47,7 +51,8 @@ inline std::string EnumerationText(const Sorvat::KTypeInfo& type) {
     std::string text = std::string(type.GetTypeName()) + " (";
     const int literals = type.GetNbOfLiterals();
     for (int i = 0; i < literals && i < kLiteralsShown; ++i) {
-        text += (i ? ", " : "") + LiteralText(type, static_cast<std::uint32_t>(i));
+        if (i) text += ", ";
+        text += LiteralText(type, static_cast<std::uint32_t>(i));
     }
     if (literals > kLiteralsShown) text += ", ... " + std::to_string(literals - kLiteralsShown) + " more";
     return text + ")";
@@ -58,8 +63,10 @@ inline std::string ArrayText(const Sorvat::KTypeInfo& type) {
     const int dimensions = type.GetArrayDimensionRanges(ranges, 8);
     std::string text = std::string(type.GetTypeName()) + "(";
     for (int i = 0; i < dimensions && i < 8; ++i) {
-        text += (i ? ", " : "") + std::to_string(ranges[i].left) +
-                (ranges[i].direction == Sorvat::KDirection::kDownto ? " downto " : " to ") + std::to_string(ranges[i].right);
+        if (i) text += ", ";
+        text += std::to_string(ranges[i].left);
+        text += ranges[i].direction == Sorvat::KDirection::kDownto ? " downto " : " to ";
+        text += std::to_string(ranges[i].right);
     }
     if (dimensions > 8) text += ", ...";
     return text + ") of " + TypeText(type.GetElementType());
@@ -76,7 +83,10 @@ inline std::string RecordText(const Sorvat::KTypeInfo& type) {
     std::string text = std::string(type.GetTypeName()) + ": record (";
     const int fields = type.GetNbOfFields();
     for (int i = 0; i < fields && i < kLiteralsShown; ++i) {
-        text += (i ? "; " : "") + std::string(type.GetFieldName(i)) + ": " + FieldTypeText(type.GetFieldType(i));
+        if (i) text += "; ";
+        text += type.GetFieldName(i);
+        text += ": ";
+        text += FieldTypeText(type.GetFieldType(i));
     }
     if (fields > kLiteralsShown) text += "; ... " + std::to_string(fields - kLiteralsShown) + " more";
     return text + ")";
