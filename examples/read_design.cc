@@ -43,7 +43,7 @@ std::string FullName(IRawTarvelRead& r, SignalIterator signal) {
 // One event: time (in resolution units), "+delta" when not 0, value text and source.
 std::string EventText(IRawTarvelRead& r, const Sorvat::KTypeInfo& type, const Tarvel::KEventData& e) {
     std::string text = std::to_string(e.GetTime());
-    if (e.GetDelta() != 0) text += "+" + std::to_string(e.GetDelta());
+    if (e.GetDelta() != 0) text.append("+").append(std::to_string(e.GetDelta()));
     unsigned char value[8] = {};
     char spelled[64];
     e.GetValue(value, sizeof value);

@@ -72,7 +72,7 @@ EventPrinter::EventPrinter(WaveFile& file, const std::vector<bool>& chosen)
 void EventPrinter::Print(int signal, const Tarvel::KEventData& event) {
     const SignalInfo& s = m_file.Signals()[static_cast<std::size_t>(signal)];
     m_line = m_times.Text(event.GetTime());
-    if (event.GetDelta() != 0) m_line += "+" + std::to_string(event.GetDelta());
+    if (event.GetDelta() != 0) m_line.append("+").append(std::to_string(event.GetDelta()));
     if (static_cast<int>(m_line.size()) < m_timeWidth) m_line.resize(static_cast<std::size_t>(m_timeWidth), ' ');
     m_line += ' ';
     m_line += s.fullName;
@@ -86,7 +86,7 @@ void EventPrinter::Print(int signal, const Tarvel::KEventData& event) {
     if (event.GetSource() != 0 && m_file.Reader().GetSourcer().Translate(event.GetSource(), &sourceFile, &line)) {
         m_line += "  @";
         m_line += sourceFile;
-        m_line += ":" + std::to_string(line);
+        m_line.append(":").append(std::to_string(line));
     }
     m_line += '\n';
     std::fwrite(m_line.data(), 1, m_line.size(), stdout);
