@@ -21,26 +21,6 @@ using Listing = std::vector<std::pair<int, std::string>>;
 // The attributes that the property walk may not show (the raw reader answers them by name).
 constexpr const char* kAttributes[] = {"Stimulator", "EmptyRow", "Expression"};
 
-std::string LocalName(Tarvel::IRawTarvelRead& r, const SignalIterator& signal) {
-    int size = 0;
-    r.GetSignalPlace(signal, nullptr, nullptr, nullptr, &size, nullptr, nullptr);  // the length
-    std::string name(static_cast<std::size_t>(size) + 1, '\0');
-    size += 1;  // room for the NUL
-    r.GetSignalPlace(signal, nullptr, nullptr, name.data(), &size, nullptr, nullptr);
-    name.resize(static_cast<std::size_t>(size));
-    return name;
-}
-
-SignalKind KindOf(Tarvel::IRawTarvelRead& r, const SignalIterator& signal, const TypeFacts* type) {
-    if (!type) {
-        const char* group = r.GetProperty(signal, "VBus");
-        return group && std::strcmp(group, "1") == 0 ? SignalKind::kVirtualBus : SignalKind::kScope;
-    }
-    if (type->Kind() != ValueKind::kNone) return SignalKind::kScalar;
-    const int kind = type->Type().GetKind();
-    return kind == Sorvat::kKindArray || kind == Sorvat::kKindRecord ? SignalKind::kBus : SignalKind::kOpaque;
-}
-
 bool Below(const std::string& fullName, const std::string& above) {
     return fullName.size() > above.size() && fullName.compare(0, above.size(), above) == 0 &&
            (fullName[above.size()] == '.' || fullName[above.size()] == '(');
@@ -130,17 +110,6 @@ FileError::FileError(std::string path, std::string reason, long long line, long 
     : std::runtime_error(line > 0 ? path + ":" + std::to_string(line) + ":" + std::to_string(column) + ": " + reason
                                   : path + ": " + reason),
       m_path(std::move(path)), m_reason(std::move(reason)), m_line(line), m_column(column) {}
-
-const char* KindName(SignalKind kind) {
-    switch (kind) {
-        case SignalKind::kScope: return "scope";
-        case SignalKind::kVirtualBus: return "virtual bus";
-        case SignalKind::kBus: return "bus";
-        case SignalKind::kScalar: return "scalar";
-        case SignalKind::kOpaque: return "opaque";
-    }
-    return "?";
-}
 
 void ThrowUnreadable(const std::string& path) {
     Tarvel::TarvelDiagnosis d;
@@ -251,7 +220,7 @@ void ReadFile::Build() {
         SignalIterator parent;
         r.GetSignalPlace(it, nullptr, nullptr, nullptr, nullptr, &parent, &s.position);
         s.parent = parent == r.EndSignals() ? -1 : parent.GetSignalNr();
-        s.name = LocalName(r, it);
+        s.name = Tarvel::Client::LocalName(r, it);
         if (const char* text = r.GetTypeInfo(r.GetTypeId(it))) {
             auto found = m_types.find(text);
             if (found == m_types.end()) {
@@ -260,7 +229,7 @@ void ReadFile::Build() {
             }
             if (found != m_types.end()) s.type = found->second;
         }
-        s.kind = KindOf(r, it, s.type.get());
+        s.kind = Tarvel::Client::KindOf(r, it, s.type ? &s.type->Type() : nullptr);
         Tarvel::GetSignalPortMode(&r, s.handle, &s.mode);
         signals.push_back(std::move(s));
     }

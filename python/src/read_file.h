@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "signal_kind.h"
 #include "types.h"
 
 namespace TarvelPython {
@@ -36,15 +37,8 @@ private:
     long long m_line, m_column;  // from 1; 0 when the file could not be opened
 };
 
-enum class SignalKind {
-    kScope,       // no type, no "VBus": a design scope
-    kVirtualBus,  // no type, "VBus" = "1": a group of signals for viewers
-    kBus,         // an array or record type: its elements carry the values
-    kScalar,      // a type with values
-    kOpaque,      // a type without values that is no bus (access, file, unknown)
-};
-
-const char* KindName(SignalKind kind);
+using Tarvel::Client::KindName;
+using Tarvel::Client::SignalKind;
 
 // One signal of the file, in the reader's declaration order.
 struct SignalRecord {

@@ -3,6 +3,8 @@
 // thread.
 #include "vcd_export.h"
 
+#include "signal_kind.h"
+
 #include <tarvel/diagnostics.h>
 #include <tarvel/tarvel.h>
 #include <unistd.h>
@@ -127,16 +129,6 @@ private:
         return name.empty() ? "_" : name;
     }
 
-    std::string LocalName(const IRawTarvelRead::SignalIterator& signal) {
-        int size = 0;
-        m_raw.GetSignalPlace(signal, nullptr, nullptr, nullptr, &size, nullptr, nullptr);
-        std::string name(static_cast<std::size_t>(size) + 1, '\0');
-        size += 1;
-        m_raw.GetSignalPlace(signal, nullptr, nullptr, name.data(), &size, nullptr, nullptr);
-        name.resize(static_cast<std::size_t>(size));
-        return name;
-    }
-
     void ReadTree() {
         for (auto signal = m_raw.BeginSignals(); signal != m_raw.EndSignals(); ++signal) {
             Node node;
@@ -144,7 +136,7 @@ private:
             m_raw.GetSignalPlace(signal, nullptr, nullptr, nullptr, nullptr, &parent, &node.position);
             node.parent = parent == m_raw.EndSignals() ? -1 : parent.GetSignalNr();
             node.typeId = m_raw.GetTypeId(signal);
-            node.name = VcdName(LocalName(signal));
+            node.name = VcdName(Tarvel::Client::LocalName(m_raw, signal));
             m_nodes.push_back(std::move(node));
             m_stores.push_back(m_raw.GetSignalData(signal));
         }

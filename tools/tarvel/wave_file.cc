@@ -16,26 +16,6 @@ namespace {
 
 using SignalIterator = Tarvel::IRawTarvelRead::SignalIterator;
 
-std::string LocalName(Tarvel::IRawTarvelRead& r, const SignalIterator& signal) {
-    int size = 0;
-    r.GetSignalPlace(signal, nullptr, nullptr, nullptr, &size, nullptr, nullptr);  // the length
-    std::string name(static_cast<std::size_t>(size) + 1, '\0');
-    size += 1;  // room for the NUL
-    r.GetSignalPlace(signal, nullptr, nullptr, name.data(), &size, nullptr, nullptr);
-    name.resize(static_cast<std::size_t>(size));
-    return name;
-}
-
-SignalKind KindOf(Tarvel::IRawTarvelRead& r, const SignalIterator& signal, const Sorvat::KTypeInfo& type, int typeId) {
-    if (typeId < 0) {
-        const char* group = r.GetProperty(signal, "VBus");
-        return group && std::strcmp(group, "1") == 0 ? SignalKind::kVirtualBus : SignalKind::kScope;
-    }
-    if (type.IsScalar()) return SignalKind::kScalar;
-    const int kind = type.GetKind();
-    return kind == Sorvat::kKindArray || kind == Sorvat::kKindRecord ? SignalKind::kBus : SignalKind::kOpaque;
-}
-
 }  // namespace
 
 std::unique_ptr<WaveFile> WaveFile::Open(const char* command, const std::string& path) {
@@ -94,14 +74,14 @@ void WaveFile::Build() {
         SignalIterator parent;
         r.GetSignalPlace(it, nullptr, nullptr, nullptr, nullptr, &parent, &s.position);
         s.parent = parent == r.EndSignals() ? -1 : parent.GetSignalNr();
-        s.name = LocalName(r, it);
+        s.name = Tarvel::Client::LocalName(r, it);
         const int typeId = r.GetTypeId(it);
         if (typeId >= 0) {
             auto found = types.find(typeId);
             if (found == types.end()) found = types.emplace(typeId, Sorvat::KTypeInfo(r.GetTypeInfo(typeId))).first;
             s.type = found->second;
         }
-        s.kind = KindOf(r, it, s.type, typeId);
+        s.kind = Tarvel::Client::KindOf(r, it, typeId >= 0 ? &s.type : nullptr);
         Tarvel::GetSignalPortMode(&r, s.handle, &s.mode);
         m_signals.push_back(std::move(s));
     }

@@ -14,15 +14,11 @@
 #include <string_view>
 #include <vector>
 
+#include "signal_kind.h"
+
 namespace TarvelTool {
 
-enum class SignalKind {
-    kScope,       // no type, no "VBus": a design scope
-    kVirtualBus,  // no type, "VBus" = "1": a group of signals for viewers
-    kBus,         // an array or record type: its elements carry the values
-    kScalar,      // a type with values
-    kOpaque,      // a type without values that is no bus (access, file, unknown)
-};
+using Tarvel::Client::SignalKind;
 
 // One signal of the file, in declaration order.
 struct SignalInfo {
