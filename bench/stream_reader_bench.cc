@@ -140,13 +140,18 @@ void BM_MergedPass(benchmark::State& state) {
     Report(state, o, o.passBytes);
 }
 
+// The stores of the file's signals, in declaration order.
+std::vector<const Tarvel::KEventsStore*> StoresOf(Tarvel::IRawTarvelRead& raw) {
+    std::vector<const Tarvel::KEventsStore*> stores;
+    for (auto it = raw.BeginSignals(); it != raw.EndSignals(); ++it) stores.push_back(raw.GetSignalData(it));
+    return stores;
+}
+
 // The same stores walked one after the other, each with a KEventData cursor.
 void BM_RawWalk(benchmark::State& state) {
     Opened& o = Open(kWorkloads[state.range(0)]);
     if (!o.reader) return state.SkipWithError("cannot write or read the file");
-    Tarvel::IRawTarvelRead& raw = *o.reader->GetRawReader();
-    std::vector<const Tarvel::KEventsStore*> stores;
-    for (auto it = raw.BeginSignals(); it != raw.EndSignals(); ++it) stores.push_back(raw.GetSignalData(it));
+    const std::vector<const Tarvel::KEventsStore*> stores = StoresOf(*o.reader->GetRawReader());
     std::uint64_t sum = 0;
     Tarvel::KEventData data;
     for (auto _ : state) {
@@ -167,9 +172,7 @@ void BM_RawWalk(benchmark::State& state) {
 void BM_RawWalkBatched(benchmark::State& state) {
     Opened& o = Open(kWorkloads[state.range(0)]);
     if (!o.reader) return state.SkipWithError("cannot write or read the file");
-    Tarvel::IRawTarvelRead& raw = *o.reader->GetRawReader();
-    std::vector<const Tarvel::KEventsStore*> stores;
-    for (auto it = raw.BeginSignals(); it != raw.EndSignals(); ++it) stores.push_back(raw.GetSignalData(it));
+    const std::vector<const Tarvel::KEventsStore*> stores = StoresOf(*o.reader->GetRawReader());
     std::uint64_t sum = 0;
     constexpr int kBatch = 64;
     int64 times[kBatch];
