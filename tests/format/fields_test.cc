@@ -229,6 +229,17 @@ TEST(FormatFields, ValueTextOfEveryKind) {
         double d;
         std::memcpy(&d, &seed, 8);
         reals.push_back(d);
+        // The magnitudes simulations use most (1e-6 to 1e21), where the writer rounds by itself.
+        const std::uint64_t near = (seed & 0x800FFFFFFFFFFFFFull) | (std::uint64_t{1003 + (seed >> 52) % 92} << 52);
+        std::memcpy(&d, &near, 8);
+        reals.push_back(d);
+    }
+    // Exact halves at the sixth digit (to even), and the edges of the powers of ten.
+    for (double d : {123456.5, 123457.5, 12345.25, 12345.75, 999999.5, 999998.5, 0.5, 2.5, 1e-5, 1e20, 9.999995e5, 9.999995e-5, 99999.95, 1e15 + 0.5}) {
+        reals.push_back(d);
+        reals.push_back(-d);
+        reals.push_back(std::nextafter(d, 0.0));
+        reals.push_back(std::nextafter(d, HUGE_VAL));
     }
     for (double d : reals) {
         std::uint64_t bits;
