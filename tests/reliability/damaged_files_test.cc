@@ -158,7 +158,11 @@ public:
         TarvelDiagnosis d;
         const bool readable = DiagnoseTarvelFile(path.c_str(), &d);
         if (readable != (m_raw != nullptr)) return "the diagnosis says readable=" + std::to_string(readable);
-        if (!readable && (d.line < 1 || std::string(d.reason) == "malformed line" || d.reason[0] == 0)) return "no reason: " + std::string(d.reason);
+        // A refusal names its place and the reason its failure path recorded ("malformed line"
+        // stands in for a path that records none).
+        if (!readable && (d.line < 1 || d.column < 1 || std::string(d.reason) == "malformed line" || d.reason[0] == 0)) {
+            return "no place or reason: " + std::to_string(d.line) + ":" + std::to_string(d.column) + ": " + d.reason;
+        }
         std::string finding = RawFinding(m_raw.get(), "raw reader");
         m_listing = std::make_unique<Listing>(path);
         std::size_t at = 0;

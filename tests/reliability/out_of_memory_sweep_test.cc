@@ -91,6 +91,15 @@ void Guarded(Outcome& o, const std::string& name, Step step) {
     }
 }
 
+// Opens a reader with `open`: a factory whose allocation failed must answer null.
+template <class Open>
+auto Opened(Outcome& o, const std::string& step, Open open) {
+    const bool before = IsOutOfMemory();
+    auto reader = open();
+    if (reader && !before && IsOutOfMemory()) o.Finding(step, "a reader made though an allocation failed");
+    return reader;
+}
+
 // The readers that follow the file while it is written: opened at the first commit, read on at
 // every later one; each must present that commit unless memory ran out.
 struct Followers final : CommitObserver {
@@ -105,8 +114,8 @@ struct Followers final : CommitObserver {
     void Committed(int commit) override {
         outcome.done = commit;
         if (commit == 1) {
-            raw = Open(path);
-            facade = OpenFacade(path, true);
+            raw = Opened(outcome, "follower", [&] { return Open(path); });
+            facade = Opened(outcome, "facade follower", [&] { return OpenFacade(path, true); });
             if (!raw) Clean("follower");
             if (!facade) Clean("facade follower");
         } else {
@@ -167,13 +176,13 @@ Outcome RunScenario(std::uint64_t seed, DesignSize size, const std::string& path
     auto same = [&](const std::string& step, const std::string& got, const std::string& expected) {
         if (!IsOutOfMemory() && written && got != expected) o.Finding(step, "presents other content");
     };
-    Reader raw = Open(path);
+    Reader raw = Opened(o, "raw reader", [&] { return Open(path); });
     if (!raw) clean("raw reader");
     Guarded(o, "raw reader", [&] {
         if (raw) same("raw reader", Dump(*raw), full);
     });
     Guarded(o, "filtered reader", [&] {
-        Reader filtered = OpenFiltered(path, reference.FilteredSelection());
+        Reader filtered = Opened(o, "filtered reader", [&] { return OpenFiltered(path, reference.FilteredSelection()); });
         if (!filtered) clean("filtered reader");
         if (filtered) same("filtered reader", Dump(*filtered), reference.ExpectedFiltered(full));
     });
@@ -185,7 +194,7 @@ Outcome RunScenario(std::uint64_t seed, DesignSize size, const std::string& path
     });
     for (const bool byPosition : {true, false}) {
         const std::string name = byPosition ? "CreateStreamRead2" : "CreateStreamRead";
-        Facade facade = OpenFacade(path, byPosition);
+        Facade facade = Opened(o, name, [&] { return OpenFacade(path, byPosition); });
         if (!facade) clean(name);
         if (!facade) continue;
         for (int h = 0; h < 8; ++h) facade->GetTypeInfoString(h), facade->GetSignalInfo(h, nullptr, nullptr, nullptr, nullptr, nullptr);
