@@ -10,7 +10,7 @@
 #include <string>
 
 #include "foundation/memory.h"
-#include "foundation/platform.h"
+#include "foundation/test_heap.h"
 #include "format/lexer_test_support.h"
 #include "rawreader/random_design.h"
 
@@ -42,12 +42,6 @@ namespace Tarvel::Testing {
 namespace {
 
 using Listing = std::unordered_map<int, std::vector<SIGINFO*>*>;
-
-int g_countdown = 0;
-void* FailingAllocate(std::size_t size) { return --g_countdown == 0 ? nullptr : std::malloc(size); }
-void* FailingReallocate(void* block, std::size_t size) { return --g_countdown == 0 ? nullptr : std::realloc(block, size); }
-void PlainFree(void* block) { std::free(block); }
-const Platform::HeapHooks kFailing{FailingAllocate, FailingReallocate, PlainFree};
 
 // The number of records of `part` when each is complete and each handle's records begin the
 // whole listing's; -1 otherwise.
@@ -86,15 +80,18 @@ TEST(FilteredReaderMemory, EachFailingAllocationGivesNullOrTheRecordsMadeBeforeW
 
     bool readerDone = false, listedOnLibrary = false, listedOnStandard = false;
     for (int n = 1; n < 20000 && !(readerDone && listedOnLibrary && listedOnStandard); ++n) {
-        Platform::SetHeapHooks(&kFailing);
-        g_countdown = n;
-        Reader reader(readerDone ? nullptr : CreateFilteredRawTarvelRead(path.c_str(), &selection), DeleteRawTarvelRead);
+        Reader reader(nullptr, DeleteRawTarvelRead);
+        {
+            TestHeap heap(static_cast<std::uint64_t>(n));
+            if (!readerDone) reader.reset(CreateFilteredRawTarvelRead(path.c_str(), &selection));
+        }
         const bool readerFailed = IsOutOfMemory();
         PrepareOutOfMemoryBuffer();
-        g_countdown = n;
         Listing onLibrary, onStandard;
-        if (!listedOnLibrary) CreateRawTarvelPreRead(path.c_str(), &onLibrary);
-        Platform::SetHeapHooks(nullptr);
+        {
+            TestHeap heap(static_cast<std::uint64_t>(n));
+            if (!listedOnLibrary) CreateRawTarvelPreRead(path.c_str(), &onLibrary);
+        }
         const bool libraryFailed = IsOutOfMemory();
         PrepareOutOfMemoryBuffer();
         g_newCountdown = listedOnStandard ? 0 : n;

@@ -15,7 +15,7 @@
 #include <stdexcept>
 
 #include "foundation/memory.h"
-#include "foundation/platform.h"
+#include "foundation/test_heap.h"
 #include "reader/merge_model.h"
 #include "tarvel/tarvel.h"
 #include "typeinfo/type_service.h"
@@ -375,34 +375,27 @@ TEST(StreamReader, TieBreakRestartsAndBadArguments) {
     }
 }
 
-// A heap that fails its n-th request and keeps the blocks it handed out, so leaks show.
-int g_countdown = 0;
-std::set<void*>* g_live = nullptr;
-void* Track(void* block) { return block ? (g_live->insert(block), block) : nullptr; }
-void* FailingAllocate(std::size_t size) { return --g_countdown == 0 ? nullptr : Track(std::malloc(size)); }
-void* FailingReallocate(void* block, std::size_t size) { return --g_countdown == 0 ? nullptr : (g_live->erase(block), Track(std::realloc(block, size))); }
-void TrackedFree(void* block) { g_live->erase(block), std::free(block); }
-const Platform::HeapHooks kFailingHeap{FailingAllocate, FailingReallocate, TrackedFree};
-
 // Runs `open` with the n-th allocation failing, n = 1, 2, ... until it gives a reader; every
 // failure must give null and leave no block behind.
 void FailEachAllocationInTurn(const std::function<ITarvelRead*()>& open) {
     for (int n = 1; n < 100000; ++n) {
-        std::set<void*> live;
-        g_live = &live;
-        g_countdown = n;
-        Platform::SetHeapHooks(&kFailingHeap);
-        ITarvelRead* r = open();
-        const bool failed = IsOutOfMemory();
-        if (failed && r) r->Release();
-        Platform::SetHeapHooks(nullptr);
+        std::size_t left = 0;
+        ITarvelRead* r = nullptr;
+        bool failed = false;
+        {
+            TestHeap heap(static_cast<std::uint64_t>(n));
+            r = open();
+            failed = IsOutOfMemory();
+            if (failed && r) r->Release();
+            left = heap.live.size();
+        }
         PrepareOutOfMemoryBuffer();
         if (!failed) {
             ASSERT_NE(r, nullptr);
             r->Release();
             return;
         }
-        ASSERT_TRUE(live.empty()) << live.size() << " blocks left when allocation " << n << " failed";
+        ASSERT_EQ(left, 0u) << "blocks left when allocation " << n << " failed";
     }
     ADD_FAILURE() << "never succeeded";
 }

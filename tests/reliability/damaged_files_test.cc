@@ -16,7 +16,7 @@
 #include <thread>
 #include <unordered_map>
 
-#include "foundation/platform.h"
+#include "foundation/test_heap.h"
 #include "format/lexer_test_support.h"
 #include "reliability/campaign.h"
 #include "reliability/reader_checks.h"
@@ -62,41 +62,6 @@ private:
     std::string m_case;
     std::chrono::steady_clock::time_point m_deadline;
     std::thread m_thread;
-};
-
-// The library's heap while the readers of one file live: keeps what they hold and the largest
-// single request.
-struct RecordingHeap {
-    static inline std::unordered_map<void*, std::size_t>* live = nullptr;
-    static inline std::size_t largest = 0;
-    static void* Allocate(std::size_t size) {
-        largest = std::max(largest, size);
-        void* block = std::malloc(size == 0 ? 1 : size);
-        if (block) (*live)[block] = size;
-        return block;
-    }
-    static void* Reallocate(void* block, std::size_t size) {
-        largest = std::max(largest, size);
-        void* grown = std::realloc(block, size == 0 ? 1 : size);
-        if (grown) live->erase(block), (*live)[grown] = size;
-        return grown;
-    }
-    static void Free(void* block) {
-        live->erase(block);
-        std::free(block);
-    }
-    static constexpr Platform::HeapHooks kHooks{Allocate, Reallocate, Free};
-
-    std::unordered_map<void*, std::size_t> blocks;
-    RecordingHeap() {
-        live = &blocks;
-        largest = 0;
-        Platform::SetHeapHooks(&kHooks);
-    }
-    ~RecordingHeap() {
-        Platform::SetHeapHooks(nullptr);
-        live = nullptr;
-    }
 };
 
 constexpr int kEventLimit = 4096;     // events walked per store and per pass: a run may stand for billions
@@ -247,7 +212,7 @@ std::string ReadDamaged(const std::string& path, const std::string& bytes, const
     std::string finding;
     std::size_t left = 0, largest = 0;
     {
-        RecordingHeap heap;
+        TestHeap heap;
         {
             AllReaders readers;
             finding = readers.Open(path, CurrentLayout(bytes));
@@ -255,8 +220,8 @@ std::string ReadDamaged(const std::string& path, const std::string& bytes, const
             Overwrite(path, later);
             finding += readers.Continue();
         }
-        left = heap.blocks.size();
-        largest = RecordingHeap::largest;
+        left = heap.live.size();
+        largest = heap.largest;
     }
     if (left != 0) finding += std::to_string(left) + " blocks left behind; ";
     if (largest >= std::size_t{64} << 20) finding += "a request of " + std::to_string(largest) + " bytes; ";
