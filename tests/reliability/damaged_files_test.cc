@@ -253,7 +253,7 @@ std::vector<std::pair<std::string, std::string>> SmallFiles(const std::string& f
     } snapshots;
     snapshots.path = folder + "/growing.twf";
     snapshots.files = &files;
-    Design(17, snapshots.path, false, {2, 1}, &snapshots).Run();
+    Design(17, snapshots.path, {2, 1}, &snapshots).Run();
     return files;
 }
 
@@ -330,7 +330,7 @@ TEST(DamagedFiles, RandomlyDamagedFilesGiveNullOrASoundReader) {
         SCOPED_TRACE(SeedTrace(seed));
         std::mt19937_64 rng(seed);
         if (whole.empty() || rng() % 8 == 0) {  // a new writer-made file now and then
-            Design(seed, source, false, {1 + static_cast<int>(rng() % 8), 1 + static_cast<int>(rng() % 2)}).Run();
+            Design(seed, source, {1 + static_cast<int>(rng() % 8), 1 + static_cast<int>(rng() % 2)}).Run();
             whole = ReadBytes(source);
             fileSeed = seed;
         }

@@ -116,7 +116,7 @@ Written WriteDesign(std::uint64_t seed, DesignSize size, const std::string& path
     std::remove((path + ".log").c_str());
     std::unique_ptr<Design> design;
     try {
-        design = std::make_unique<Design>(seed, path, false, size, &w.progress);
+        design = std::make_unique<Design>(seed, path, size, &w.progress);
         design->Run();
     } catch (const std::runtime_error& e) {
         w.failed = true;

@@ -98,7 +98,7 @@ Outcome RunScenario(std::uint64_t seed, DesignSize size, const std::string& path
     {
         std::unique_ptr<Design> design;
         try {
-            design = std::make_unique<Design>(seed, path, false, size, &followers);
+            design = std::make_unique<Design>(seed, path, size, &followers);
         } catch (const std::runtime_error&) {
             o.factoryNull = true;
         }

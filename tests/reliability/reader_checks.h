@@ -30,7 +30,7 @@ public:
               std::function<bool(int)> wanted = [](int) { return true; })
         : m_wanted(std::move(wanted)) {
         {
-            Design design(seed, path, false, size, this);
+            Design design(seed, path, size, this);
             design.Run();
         }
         Reader full = Open(path);
