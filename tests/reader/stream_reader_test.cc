@@ -25,10 +25,6 @@ namespace {
 #define W(call) \
     do { if (!(call)) throw std::runtime_error("failed: " #call); } while (false)
 
-using Reader = std::unique_ptr<ITarvelRead, void (*)(ITarvelRead*)>;
-Reader Open(const std::string& path, bool byPosition) {
-    return Reader(byPosition ? CreateStreamRead2(path.c_str()) : CreateStreamRead(path.c_str()), [](ITarvelRead* r) { r->Release(); });
-}
 
 std::vector<MergedEvent> Pass(ITarvelRead& r) {
     std::vector<MergedEvent> out;
@@ -227,7 +223,7 @@ TEST(StreamReader, RandomDesignsReadBackAsDeclared) {
             d.LateProperty(2, "Comment");
             d.Run(10);
             d.Close();
-            Reader two = Open(path, true), one = Open(path, false);
+            Facade two = OpenFacade(path, true), one = OpenFacade(path, false);
             ASSERT_TRUE(two && one);
             ExpectDesign(*two, d.s, true);
             ExpectDesign(*one, d.s, false);
@@ -249,7 +245,7 @@ TEST(StreamReader, GrowingFileReadsOnWithContinue) {
         Design d(path, 7, false);   // its second part moves old signals under new virtual buses
         d.Declare(30);
         d.Commit();
-        Reader r = Open(path, byPosition);
+        Facade r = OpenFacade(path, byPosition);
         ASSERT_TRUE(r);
         EXPECT_EQ(r->NextEvent(), -1) << "declarations only: no events yet";
         W(d.w->Resume());
@@ -289,7 +285,7 @@ TEST(StreamReader, ChildCountAfterAFailedContinueStaysWithinTheIndex) {
     const std::string head = "$WAVE4\r\nI 1 \"p#4#time#2#fs\"\r\n$IN 5 1 a\r\n$BUS VBUS 9 0 0 v\r\n";
     for (const bool byPosition : {false, true}) {
         std::ofstream(path, std::ios::binary) << head << ":";
-        Reader r = Open(path, byPosition);
+        Facade r = OpenFacade(path, byPosition);
         ASSERT_TRUE(r);
         std::ofstream(path, std::ios::binary) << head << "$CHILD 5 9 0\r\n$BOGUS\r\n:";
         EXPECT_FALSE(r->Continue());
@@ -316,7 +312,7 @@ TEST(StreamReader, SlotOrderAndAFileWithoutSignals) {
     ScratchFolder folder;
     std::ofstream(folder.File("empty.twf"), std::ios::binary) << "$WAVE4\r\n$ENDWAVE\r\n";
     for (const bool byPosition : {true, false}) {
-        Reader r = Open(folder.File("empty.twf"), byPosition);
+        Facade r = OpenFacade(folder.File("empty.twf"), byPosition);
         ASSERT_TRUE(r);
         std::uint64_t value = 0;
         EXPECT_TRUE(r->GetTopLevelCount() == 0 && r->NextEvent() == -1 && r->NextEvent() == -1 && *r->GetEventTime() == 0 &&
@@ -339,7 +335,7 @@ TEST(StreamReader, TieBreakRestartsAndBadArguments) {
     W(w->SetTime(10) && w->StoreValue(1, one) && w->StoreValue(2, one) && w->StoreValue(3, one));
     W(w->SetTime(20) && w->StoreValue(3, one) && w->StoreValue(1, one) && w->Commit() && w->Release());
     for (const bool byPosition : {true, false}) {
-        Reader r = Open(path, byPosition);
+        Facade r = OpenFacade(path, byPosition);
         ASSERT_TRUE(r);
         std::vector<int> order;
         for (const MergedEvent& e : Pass(*r)) order.push_back(e.handle);
@@ -406,7 +402,7 @@ TEST(StreamReader, RefusedFilesAndAPassWithoutMemoryLeaveNothing) {
     d.Close();
     // A pass that cannot start answers -1 and leaves nothing; the next one starts once memory is
     // back. (The factories under exhausted memory are the out-of-memory sweep's.)
-    Reader r = Open(path, true);
+    Facade r = OpenFacade(path, true);
     ASSERT_TRUE(r);
     const std::vector<MergedEvent> whole = Pass(*r);
     FailEachAllocationInTurn([&]() -> ITarvelRead* {

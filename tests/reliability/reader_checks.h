@@ -85,11 +85,6 @@ private:
     std::unique_ptr<RandomSelection> m_selection;
 };
 
-using Facade = std::unique_ptr<ITarvelRead, void (*)(ITarvelRead*)>;
-inline Facade OpenFacade(const std::string& path, bool byPosition) {
-    return Facade(byPosition ? CreateStreamRead2(path.c_str()) : CreateStreamRead(path.c_str()), [](ITarvelRead* r) { r->Release(); });
-}
-
 // Empty when the facade's merged pass holds the events of its raw reader's stores in the map
 // model's order, and its top level the raw reader's signals without a parent; else what differs.
 inline std::string FacadeFinding(ITarvelRead& r, bool byPosition) {
