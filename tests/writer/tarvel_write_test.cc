@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "format_test_support.h"
+#include "rawreader/raw_reader_dump.h"
 #include "tarvel/tarvel.h"
 
 namespace Tarvel::Testing {
@@ -236,18 +237,10 @@ struct TwoSources final : ISourceCallback {
     }
 };
 
-// The events of `handle` as "time/delta=value" items, read back with the raw reader.
+// The events of `handle` as " time/delta=value@source" items, read back with the raw reader.
 std::string EventsOf(IRawTarvelRead& r, int handle) {
-    std::string out;
     const KEventsStore* store = r.GetSignalData(handle);
-    KEventData e;
-    for (bool ok = store && store->GetFirstEvent(&e); ok; ok = store->GetNextEvent(&e)) {
-        unsigned char value[8] = {};
-        e.GetValue(value, 8);
-        out += " " + std::to_string(e.GetTime()) + "/" + std::to_string(e.GetDelta()) + "=" + std::to_string(value[0]);
-        if (e.GetSource() != 0) out += "@" + std::to_string(e.GetSource());
-    }
-    return out;
+    return store ? DumpEvents(*store, false, ~0u) : "no store";
 }
 
 std::size_t Count(const std::string& text, const std::string& what) {
