@@ -1,13 +1,15 @@
 // Each field of the file written by its writing routine and read back by its reading routine,
 // over the edge values of the field: numbers at the ends of their widths, the "k" and "+" forms,
 // strings that must be quoted, names that overlap their predecessor, lists of runs at the ends
-// of the 32-bit range, type strings, the value text of every kind, and run records.
+// of the 32-bit range, type strings, the value text of every kind, and run records. The sweeps
+// read in whole blocks and again in pieces of 1 to 7 bytes, so that every token is cut.
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -43,19 +45,30 @@ constexpr std::int32_t kMax32 = std::numeric_limits<std::int32_t>::max();
 constexpr std::int64_t kMin64 = std::numeric_limits<std::int64_t>::min();
 constexpr std::int64_t kMax64 = std::numeric_limits<std::int64_t>::max();
 
+// While alive, reads deliver 1 to 7 bytes when `choppy`, else whole blocks.
+struct Reads {
+    std::optional<Testing::ChoppyInput> pieces;
+    explicit Reads(bool choppy) {
+        if (choppy) pieces.emplace(7u, 7u);
+    }
+};
+
 // Writes every item with `put`, one per line, reads them back with `read` and compares.
 template <class T, class Put, class Read>
 void RoundTrip(const std::vector<T>& items, Put put, Read read) {
     TextSink out;
     for (const T& item : items) ASSERT_TRUE(put(out, item) && out.Write("\r\n"));
-    Lexed in(out.text);
-    for (const T& item : items) {
-        T back{};
-        ASSERT_TRUE(read(in, back) && in.lexer.EndOfLine(in.c)) << "reading back the line of " << ::testing::PrintToString(item);
-        EXPECT_EQ(back, item);
-        in.c = in.lexer.Next();
+    for (const bool choppy : {false, true}) {
+        Reads reads(choppy);
+        Lexed in(out.text);
+        for (const T& item : items) {
+            T back{};
+            ASSERT_TRUE(read(in, back) && in.lexer.EndOfLine(in.c)) << "reading back the line of " << ::testing::PrintToString(item);
+            EXPECT_EQ(back, item);
+            in.c = in.lexer.Next();
+        }
+        EXPECT_EQ(in.c, KLexer::kEnd);
     }
-    EXPECT_EQ(in.c, KLexer::kEnd);
 }
 
 TEST(FormatFields, PlainWideAndEventTimeNumbers) {
@@ -85,11 +98,14 @@ TEST(FormatFields, RelativeIntegers) {
     std::int32_t previous = 0;
     for (std::int32_t v : values) ASSERT_TRUE(Format::PutRelative(out, v, previous) && out.Put(' '));
     EXPECT_EQ(out.text.substr(0, 30), "5 6 7 +993 +1 +-3 +2 0 -5 +1 2");
-    Lexed in(out.text);
-    for (std::int32_t v : values) {
-        std::int32_t back = 0;
-        ASSERT_TRUE(Format::ReadRelative(in.lexer, in.c, back));
-        EXPECT_EQ(back, v);
+    for (const bool choppy : {false, true}) {
+        Reads reads(choppy);
+        Lexed in(out.text);
+        for (std::int32_t v : values) {
+            std::int32_t back = 0;
+            ASSERT_TRUE(Format::ReadRelative(in.lexer, in.c, back));
+            EXPECT_EQ(back, v);
+        }
     }
 }
 
@@ -120,12 +136,15 @@ TEST(FormatFields, CompressedNames) {
     String previous;
     for (const std::string& name : names) ASSERT_TRUE(Format::PutName(out, name, previous) && out.Write("\r\n"));
     EXPECT_EQ(out.text.substr(0, out.text.find("\r\n", 24) + 2), "\"top.cpu.alu.result\"\r\n12 0 carry\r\n");
-    Lexed in(out.text);
-    String name, scratch;
-    for (const std::string& expected : names) {
-        ASSERT_TRUE(Format::ReadName(in.lexer, in.c, name, scratch) && in.lexer.EndOfLine(in.c)) << expected;
-        EXPECT_EQ(std::string(name), expected);
-        in.c = in.lexer.Next();
+    for (const bool choppy : {false, true}) {
+        Reads reads(choppy);
+        Lexed in(out.text);
+        String name, scratch;
+        for (const std::string& expected : names) {
+            ASSERT_TRUE(Format::ReadName(in.lexer, in.c, name, scratch) && in.lexer.EndOfLine(in.c)) << expected;
+            EXPECT_EQ(std::string(name), expected);
+            in.c = in.lexer.Next();
+        }
     }
 }
 
@@ -141,14 +160,17 @@ TEST(FormatFields, IndexLists) {
         out.Write(";\r\n");
     }
     EXPECT_NE(out.text.find(" 1000-+3 9-3/2 3 3-5;"), std::string::npos) << out.text;
-    Lexed in(out.text);
-    for (const auto& list : lists) {
-        Vector<std::int32_t> back;
-        ASSERT_TRUE(Format::ReadIndexList(in.lexer, in.c, back) && in.c == ';');
-        EXPECT_EQ(std::vector<std::int32_t>(back.begin(), back.end()), list);
-        in.c = in.lexer.Next();
-        ASSERT_TRUE(in.lexer.EndOfLine(in.c));
-        in.c = in.lexer.Next();
+    for (const bool choppy : {false, true}) {
+        Reads reads(choppy);
+        Lexed in(out.text);
+        for (const auto& list : lists) {
+            Vector<std::int32_t> back;
+            ASSERT_TRUE(Format::ReadIndexList(in.lexer, in.c, back) && in.c == ';');
+            EXPECT_EQ(std::vector<std::int32_t>(back.begin(), back.end()), list);
+            in.c = in.lexer.Next();
+            ASSERT_TRUE(in.lexer.EndOfLine(in.c));
+            in.c = in.lexer.Next();
+        }
     }
     // A list longer than its limit fails before a range is expanded.
     Lexed limited("0-9 1\n");

@@ -1,10 +1,9 @@
 // DiagnoseTarvelFile on hand-broken files: the place (line, column) and the reason of each fault,
-// where a read ends, and its agreement with CreateRawTarvelRead. Writer-made files and every
-// prefix of one are covered by raw_reader_test.cc. Tests of the raw reader layer; single-threaded.
+// where a read ends, and its agreement with CreateRawTarvelRead. Every prefix of a writer-made
+// file is raw_reader_test.cc's, damaged files the reliability campaign's (DamagedFiles). Tests of
+// the raw reader layer; single-threaded.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <random>
 #include <string>
 
 #include "format/lexer_test_support.h"
@@ -115,32 +114,6 @@ TEST(Diagnostics, ReadableFilesTellWhereTheirReadEnds) {
     EXPECT_FALSE(DiagnoseTarvelFile("/nonexistent/f.twf", &d));
     EXPECT_EQ(Place(d), "0:0: cannot open the file");
     EXPECT_FALSE(DiagnoseTarvelFile(nullptr, &d));
-}
-
-// Damaged bytes in writer-made files (the fuzz seeds): the diagnosis agrees with the reader, and
-// every refusal names a place in the file and a reason its failure path recorded ("malformed
-// line" stands in for a failure path that records none).
-TEST(Diagnostics, EveryRefusalOfADamagedFileHasItsOwnReason) {
-    const char* fixed = std::getenv("TARVEL_SEED");
-    const std::uint64_t seed = fixed ? std::strtoull(fixed, nullptr, 10) : std::random_device()();
-    SCOPED_TRACE("seed " + std::to_string(seed) + " (TARVEL_SEED=" + std::to_string(seed) + " repeats it)");
-    std::mt19937_64 rng(seed);
-    const std::string corpus = std::string(std::getenv("TARVEL_TEST_DATA")) + "/../fuzz/corpus/raw_reader/";
-    const char* bytes = " \r\n$-+0123456789kRTVD*=:;\"'#SPIx\xff";
-    for (int design : {1, 2, 3, 5, 6, 7, 8, 9, 10, 11}) {
-        const std::string whole = ReadBytes(corpus + "design" + std::to_string(design) + ".twf");
-        ASSERT_FALSE(whole.empty());
-        for (int damage = 0; damage < 150; ++damage) {
-            std::string damaged = whole;
-            for (int n = 1 + static_cast<int>(rng() % 3); n > 0; --n) damaged[rng() % damaged.size()] = bytes[rng() % 33];
-            const TarvelDiagnosis d = DiagnosisOf(damaged);
-            if (d.readable) continue;
-            EXPECT_STRNE(d.reason, "malformed line") << damaged;
-            EXPECT_GE(d.line, 1);
-            EXPECT_GE(d.column, 1);
-            if (::testing::Test::HasFailure()) return;
-        }
-    }
 }
 
 }  // namespace

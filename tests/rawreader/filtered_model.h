@@ -110,17 +110,17 @@ inline std::string ByHandle(const std::string& dump) {
 }
 
 // A random selection from a file's listing: some handles by their name, with another name
-// besides, with a wrong name or none, and a handle never declared; with what it keeps of the
-// full reader's signals (the selected declarations and the elements of kept buses; these
-// designs declare no signal inside a bus) and every signal's parent (-1 at the top).
+// besides, with a wrong name or none, and a handle never declared; with what a filtered reader of
+// it must dump for a state of the file: the selected declarations and the elements of kept buses
+// (these designs declare no signal inside a bus).
 struct RandomSelection {
     Selection selection;
+    std::set<int> declared;  // the listing's handles: declarations rather than elements
     std::set<int> selected;  // the handles the selection picks where they are declared
-    std::set<int> kept;
-    std::map<int, int> parentOf;
 
     RandomSelection(IRawTarvelRead& full, const std::unordered_map<int, std::vector<SIGINFO*>*>& listing, std::mt19937_64& rng) {
         for (const auto& [handle, records] : listing) {
+            declared.insert(handle);
             if (rng() % 3 == 0) continue;
             const std::string name = (*records)[0]->name;
             const int how = static_cast<int>(rng() % 10);
@@ -132,19 +132,10 @@ struct RandomSelection {
             if (how < 8 || size == 0) selected.insert(handle);  // an unnamed declaration: by its handle
         }
         selection.Add(77777777, {"nothing"});
-        for (auto it = full.BeginSignals(); it != full.EndSignals(); ++it) {
-            IRawTarvelRead::SignalIterator parent;
-            full.GetSignalPlace(it, nullptr, nullptr, nullptr, nullptr, &parent, nullptr);
-            parentOf[*it] = parent == full.EndSignals() ? -1 : *parent;
-            if (listing.count(*it) ? selected.count(*it) : kept.count(parentOf[*it])) kept.insert(*it);
-        }
     }
-    // What a filtered reader of this selection must dump, given the full reader's dump.
-    std::string Expected(const std::string& fullDump) const { return ExpectedDump(fullDump, kept, parentOf); }
 
-    // The same for another state of the file (an earlier commit), given its full dump and the
-    // handles that are declarations rather than elements (the listing's keys).
-    std::string ExpectedFor(const std::string& fullDump, const std::set<int>& declared) const {
+    // What a filtered reader of this selection must dump when the full reader dumps `fullDump`.
+    std::string Expected(const std::string& fullDump) const {
         std::set<int> keep;
         std::map<int, int> parents;
         for (const std::string& item : Items(fullDump)) {

@@ -1,7 +1,7 @@
 // The reference model of the merged event order, written the plain way: an ordered map from
 // (time, delta) to the list of stores whose current event has that stamp; the next event is the
 // last store of the smallest stamp's list, which then steps and is appended to its next stamp's
-// list. Shared by the merge and reader tests; single-threaded.
+// list; and a facade that releases itself. Shared by the merge and reader tests; single-threaded.
 #ifndef TARVEL_TESTS_READER_MERGE_MODEL_H
 #define TARVEL_TESTS_READER_MERGE_MODEL_H
 
@@ -14,8 +14,15 @@
 #include <vector>
 
 #include "tarvel/events_store.h"
+#include "tarvel/reader.h"
 
 namespace Tarvel::Testing {
+
+// A facade that releases itself: CreateStreamRead2 (`byPosition`) or CreateStreamRead.
+using Facade = std::unique_ptr<ITarvelRead, void (*)(ITarvelRead*)>;
+inline Facade OpenFacade(const std::string& path, bool byPosition) {
+    return Facade(byPosition ? CreateStreamRead2(path.c_str()) : CreateStreamRead(path.c_str()), [](ITarvelRead* r) { r->Release(); });
+}
 
 // One event of a merged pass as a client sees it.
 struct MergedEvent {

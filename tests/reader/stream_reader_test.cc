@@ -4,10 +4,8 @@
 // merged order; growing files; the tie-break, restarts and bad arguments; the slot order;
 // refused files and exhausted memory. Reader facade layer tests; single-threaded.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <random>
@@ -15,8 +13,9 @@
 #include <stdexcept>
 
 #include "foundation/memory.h"
-#include "foundation/platform.h"
+#include "foundation/test_heap.h"
 #include "reader/merge_model.h"
+#include "writer/format_test_support.h"
 #include "tarvel/tarvel.h"
 #include "typeinfo/type_service.h"
 
@@ -26,17 +25,6 @@ namespace {
 #define W(call) \
     do { if (!(call)) throw std::runtime_error("failed: " #call); } while (false)
 
-struct Folder {
-    std::string path = (std::filesystem::temp_directory_path() / "tarvel-reader-XXXXXX").string();
-    Folder() { W(mkdtemp(path.data())); }
-    ~Folder() { std::filesystem::remove_all(path); }
-    std::string File(const std::string& name) const { return path + "/" + name; }
-};
-
-using Reader = std::unique_ptr<ITarvelRead, void (*)(ITarvelRead*)>;
-Reader Open(const std::string& path, bool byPosition) {
-    return Reader(byPosition ? CreateStreamRead2(path.c_str()) : CreateStreamRead(path.c_str()), [](ITarvelRead* r) { r->Release(); });
-}
 
 std::vector<MergedEvent> Pass(ITarvelRead& r) {
     std::vector<MergedEvent> out;
@@ -221,7 +209,7 @@ void ExpectDesign(ITarvelRead& r, const std::vector<Sig>& s, bool byPosition) {
 TEST(StreamReader, RandomDesignsReadBackAsDeclared) {
     const char* fixed = std::getenv("TARVEL_SEED");
     const std::uint64_t first = fixed ? std::strtoull(fixed, nullptr, 10) : std::random_device()();
-    Folder folder;
+    ScratchFolder folder;
     for (std::uint64_t seed = first; seed < first + (fixed ? 1 : 40); ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed) + " (TARVEL_SEED=" + std::to_string(seed) + " repeats it)");
         const std::string path = folder.File(std::to_string(seed) + ".twf");
@@ -235,7 +223,7 @@ TEST(StreamReader, RandomDesignsReadBackAsDeclared) {
             d.LateProperty(2, "Comment");
             d.Run(10);
             d.Close();
-            Reader two = Open(path, true), one = Open(path, false);
+            Facade two = OpenFacade(path, true), one = OpenFacade(path, false);
             ASSERT_TRUE(two && one);
             ExpectDesign(*two, d.s, true);
             ExpectDesign(*one, d.s, false);
@@ -251,13 +239,13 @@ TEST(StreamReader, RandomDesignsReadBackAsDeclared) {
 // has only what was there, Continue ends a pass in progress, and afterwards the reader presents
 // everything, signals declared later and old ones moved under new virtual buses included.
 TEST(StreamReader, GrowingFileReadsOnWithContinue) {
-    Folder folder;
+    ScratchFolder folder;
     for (const bool byPosition : {true, false}) {
         const std::string path = folder.File(byPosition ? "two.twf" : "one.twf");
         Design d(path, 7, false);   // its second part moves old signals under new virtual buses
         d.Declare(30);
         d.Commit();
-        Reader r = Open(path, byPosition);
+        Facade r = OpenFacade(path, byPosition);
         ASSERT_TRUE(r);
         EXPECT_EQ(r->NextEvent(), -1) << "declarations only: no events yet";
         W(d.w->Resume());
@@ -292,12 +280,12 @@ std::ptrdiff_t Slot(F member) {
 // with more children than the reader indexed; the child count a caller gets must still be one
 // that the unchecked GetChild of CreateStreamRead can be walked with.
 TEST(StreamReader, ChildCountAfterAFailedContinueStaysWithinTheIndex) {
-    Folder folder;
+    ScratchFolder folder;
     const std::string path = folder.File("failed.twf");
     const std::string head = "$WAVE4\r\nI 1 \"p#4#time#2#fs\"\r\n$IN 5 1 a\r\n$BUS VBUS 9 0 0 v\r\n";
     for (const bool byPosition : {false, true}) {
         std::ofstream(path, std::ios::binary) << head << ":";
-        Reader r = Open(path, byPosition);
+        Facade r = OpenFacade(path, byPosition);
         ASSERT_TRUE(r);
         std::ofstream(path, std::ios::binary) << head << "$CHILD 5 9 0\r\n$BOGUS\r\n:";
         EXPECT_FALSE(r->Continue());
@@ -321,10 +309,10 @@ TEST(StreamReader, SlotOrderAndAFileWithoutSignals) {
         Slot(&I::Reserved23), Slot(&I::Reserved24), Slot(&I::Reserved25), Slot(&I::Reserved26), Slot(&I::Reserved27),
         Slot(&I::Reserved28), Slot(&I::GetRawReader)};
     for (std::size_t i = 0; i < slots.size(); ++i) EXPECT_EQ(slots[i], static_cast<std::ptrdiff_t>(i));
-    Folder folder;
+    ScratchFolder folder;
     std::ofstream(folder.File("empty.twf"), std::ios::binary) << "$WAVE4\r\n$ENDWAVE\r\n";
     for (const bool byPosition : {true, false}) {
-        Reader r = Open(folder.File("empty.twf"), byPosition);
+        Facade r = OpenFacade(folder.File("empty.twf"), byPosition);
         ASSERT_TRUE(r);
         std::uint64_t value = 0;
         EXPECT_TRUE(r->GetTopLevelCount() == 0 && r->NextEvent() == -1 && r->NextEvent() == -1 && *r->GetEventTime() == 0 &&
@@ -337,7 +325,7 @@ TEST(StreamReader, SlotOrderAndAFileWithoutSignals) {
 // the scalar and element 1: 3 2 1 at 10 (the highest handle first), then 1 before 3 at 20,
 // since 1 came to 20 after 3 had.
 TEST(StreamReader, TieBreakRestartsAndBadArguments) {
-    Folder folder;
+    ScratchFolder folder;
     const std::string path = folder.File("small.twf");
     ITarvelWrite* w = CreateStreamWriteTimed(path.c_str());
     const std::string bus = std::string("a#3#slv[1d0]") + kStd;
@@ -347,7 +335,7 @@ TEST(StreamReader, TieBreakRestartsAndBadArguments) {
     W(w->SetTime(10) && w->StoreValue(1, one) && w->StoreValue(2, one) && w->StoreValue(3, one));
     W(w->SetTime(20) && w->StoreValue(3, one) && w->StoreValue(1, one) && w->Commit() && w->Release());
     for (const bool byPosition : {true, false}) {
-        Reader r = Open(path, byPosition);
+        Facade r = OpenFacade(path, byPosition);
         ASSERT_TRUE(r);
         std::vector<int> order;
         for (const MergedEvent& e : Pass(*r)) order.push_back(e.handle);
@@ -375,40 +363,33 @@ TEST(StreamReader, TieBreakRestartsAndBadArguments) {
     }
 }
 
-// A heap that fails its n-th request and keeps the blocks it handed out, so leaks show.
-int g_countdown = 0;
-std::set<void*>* g_live = nullptr;
-void* Track(void* block) { return block ? (g_live->insert(block), block) : nullptr; }
-void* FailingAllocate(std::size_t size) { return --g_countdown == 0 ? nullptr : Track(std::malloc(size)); }
-void* FailingReallocate(void* block, std::size_t size) { return --g_countdown == 0 ? nullptr : (g_live->erase(block), Track(std::realloc(block, size))); }
-void TrackedFree(void* block) { g_live->erase(block), std::free(block); }
-const Platform::HeapHooks kFailingHeap{FailingAllocate, FailingReallocate, TrackedFree};
-
-// Runs `open` with the n-th allocation failing, n = 1, 2, ... until it gives a reader; every
-// failure must give null and leave no block behind.
+// Runs `open` with the n-th allocation failing, n = 1, 2, ... until it gives a reader; no
+// failure may leave a block behind.
 void FailEachAllocationInTurn(const std::function<ITarvelRead*()>& open) {
     for (int n = 1; n < 100000; ++n) {
-        std::set<void*> live;
-        g_live = &live;
-        g_countdown = n;
-        Platform::SetHeapHooks(&kFailingHeap);
-        ITarvelRead* r = open();
-        const bool failed = IsOutOfMemory();
-        if (failed && r) r->Release();
-        Platform::SetHeapHooks(nullptr);
+        std::size_t left = 0;
+        ITarvelRead* r = nullptr;
+        bool failed = false;
+        {
+            TestHeap heap(static_cast<std::uint64_t>(n));
+            r = open();
+            failed = IsOutOfMemory();
+            if (failed && r) r->Release();
+            left = heap.live.size();
+        }
         PrepareOutOfMemoryBuffer();
         if (!failed) {
             ASSERT_NE(r, nullptr);
             r->Release();
             return;
         }
-        ASSERT_TRUE(live.empty()) << live.size() << " blocks left when allocation " << n << " failed";
+        ASSERT_EQ(left, 0u) << "blocks left when allocation " << n << " failed";
     }
     ADD_FAILURE() << "never succeeded";
 }
 
-TEST(StreamReader, RefusedFilesAndExhaustedMemoryLeaveNothing) {
-    Folder folder;
+TEST(StreamReader, RefusedFilesAndAPassWithoutMemoryLeaveNothing) {
+    ScratchFolder folder;
     std::ofstream(folder.File("cut.twf"), std::ios::binary) << "$WAVE4\r\n$IN 1 1 a\r\n";
     for (const std::string& refused : {folder.File("missing.twf"), folder.File("cut.twf"), folder.path}) {
         EXPECT_TRUE(CreateStreamRead2(refused.c_str()) == nullptr && CreateStreamRead(refused.c_str()) == nullptr) << refused;
@@ -419,10 +400,9 @@ TEST(StreamReader, RefusedFilesAndExhaustedMemoryLeaveNothing) {
     d.Declare(40);
     d.Run(10);
     d.Close();
-    FailEachAllocationInTurn([&] { return CreateStreamRead2(path.c_str()); });
-    FailEachAllocationInTurn([&] { return CreateStreamRead(path.c_str()); });
-    // A pass that cannot start answers -1; the next one starts once memory is back.
-    Reader r = Open(path, true);
+    // A pass that cannot start answers -1 and leaves nothing; the next one starts once memory is
+    // back. (The factories under exhausted memory are the out-of-memory sweep's.)
+    Facade r = OpenFacade(path, true);
     ASSERT_TRUE(r);
     const std::vector<MergedEvent> whole = Pass(*r);
     FailEachAllocationInTurn([&]() -> ITarvelRead* {

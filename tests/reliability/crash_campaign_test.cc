@@ -41,7 +41,7 @@ using Clock = std::chrono::steady_clock;
     teller.pipe = &pipe;
     teller.pause = pauseMicros;
     try {
-        Design design(seed, path, false, size, &teller);
+        Design design(seed, path, size, &teller);
         design.Run();
     } catch (...) {
         _exit(3);
@@ -112,7 +112,7 @@ Timing TimeDesign(std::uint64_t seed, DesignSize size, const std::string& path) 
         void Committed(int) override {}
     } counter;
     const auto start = Clock::now();
-    Design(seed, path, false, size, &counter).Run();
+    Design(seed, path, size, &counter).Run();
     return {std::chrono::duration<double>(Clock::now() - start).count(), counter.commits};
 }
 

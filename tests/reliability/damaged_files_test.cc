@@ -16,7 +16,7 @@
 #include <thread>
 #include <unordered_map>
 
-#include "foundation/platform.h"
+#include "foundation/test_heap.h"
 #include "format/lexer_test_support.h"
 #include "reliability/campaign.h"
 #include "reliability/reader_checks.h"
@@ -62,41 +62,6 @@ private:
     std::string m_case;
     std::chrono::steady_clock::time_point m_deadline;
     std::thread m_thread;
-};
-
-// The library's heap while the readers of one file live: keeps what they hold and the largest
-// single request.
-struct RecordingHeap {
-    static inline std::unordered_map<void*, std::size_t>* live = nullptr;
-    static inline std::size_t largest = 0;
-    static void* Allocate(std::size_t size) {
-        largest = std::max(largest, size);
-        void* block = std::malloc(size == 0 ? 1 : size);
-        if (block) (*live)[block] = size;
-        return block;
-    }
-    static void* Reallocate(void* block, std::size_t size) {
-        largest = std::max(largest, size);
-        void* grown = std::realloc(block, size == 0 ? 1 : size);
-        if (grown) live->erase(block), (*live)[grown] = size;
-        return grown;
-    }
-    static void Free(void* block) {
-        live->erase(block);
-        std::free(block);
-    }
-    static constexpr Platform::HeapHooks kHooks{Allocate, Reallocate, Free};
-
-    std::unordered_map<void*, std::size_t> blocks;
-    RecordingHeap() {
-        live = &blocks;
-        largest = 0;
-        Platform::SetHeapHooks(&kHooks);
-    }
-    ~RecordingHeap() {
-        Platform::SetHeapHooks(nullptr);
-        live = nullptr;
-    }
 };
 
 constexpr int kEventLimit = 4096;     // events walked per store and per pass: a run may stand for billions
@@ -158,7 +123,11 @@ public:
         TarvelDiagnosis d;
         const bool readable = DiagnoseTarvelFile(path.c_str(), &d);
         if (readable != (m_raw != nullptr)) return "the diagnosis says readable=" + std::to_string(readable);
-        if (!readable && (d.line < 1 || std::string(d.reason) == "malformed line" || d.reason[0] == 0)) return "no reason: " + std::string(d.reason);
+        // A refusal names its place and the reason its failure path recorded ("malformed line"
+        // stands in for a path that records none).
+        if (!readable && (d.line < 1 || d.column < 1 || std::string(d.reason) == "malformed line" || d.reason[0] == 0)) {
+            return "no place or reason: " + std::to_string(d.line) + ":" + std::to_string(d.column) + ": " + d.reason;
+        }
         std::string finding = RawFinding(m_raw.get(), "raw reader");
         m_listing = std::make_unique<Listing>(path);
         std::size_t at = 0;
@@ -243,7 +212,7 @@ std::string ReadDamaged(const std::string& path, const std::string& bytes, const
     std::string finding;
     std::size_t left = 0, largest = 0;
     {
-        RecordingHeap heap;
+        TestHeap heap;
         {
             AllReaders readers;
             finding = readers.Open(path, CurrentLayout(bytes));
@@ -251,8 +220,8 @@ std::string ReadDamaged(const std::string& path, const std::string& bytes, const
             Overwrite(path, later);
             finding += readers.Continue();
         }
-        left = heap.blocks.size();
-        largest = RecordingHeap::largest;
+        left = heap.live.size();
+        largest = heap.largest;
     }
     if (left != 0) finding += std::to_string(left) + " blocks left behind; ";
     if (largest >= std::size_t{64} << 20) finding += "a request of " + std::to_string(largest) + " bytes; ";
@@ -284,7 +253,7 @@ std::vector<std::pair<std::string, std::string>> SmallFiles(const std::string& f
     } snapshots;
     snapshots.path = folder + "/growing.twf";
     snapshots.files = &files;
-    Design(17, snapshots.path, false, {2, 1}, &snapshots).Run();
+    Design(17, snapshots.path, {2, 1}, &snapshots).Run();
     return files;
 }
 
@@ -361,7 +330,7 @@ TEST(DamagedFiles, RandomlyDamagedFilesGiveNullOrASoundReader) {
         SCOPED_TRACE(SeedTrace(seed));
         std::mt19937_64 rng(seed);
         if (whole.empty() || rng() % 8 == 0) {  // a new writer-made file now and then
-            Design(seed, source, false, {1 + static_cast<int>(rng() % 8), 1 + static_cast<int>(rng() % 2)}).Run();
+            Design(seed, source, {1 + static_cast<int>(rng() % 8), 1 + static_cast<int>(rng() % 2)}).Run();
             whole = ReadBytes(source);
             fileSeed = seed;
         }

@@ -9,64 +9,14 @@
 // allocated; the file of a writer that failed reads as of its last commit; and after
 // PrepareOutOfMemoryBuffer() the whole scenario runs as without failure. Reliability tests;
 // single-threaded (the heap hooks are process-wide).
-#include <unordered_map>
-
 #include "foundation/memory.h"
-#include "foundation/platform.h"
+#include "foundation/test_heap.h"
 #include "format/lexer_test_support.h"
 #include "reliability/campaign.h"
 #include "reliability/reader_checks.h"
 
 namespace Tarvel::Testing {
 namespace {
-
-// The library's heap while a run lasts: numbers each request, refuses the chosen one, and keeps
-// the blocks it handed out with their sizes, so that what a run leaves behind shows. A request
-// that shrinks a block (a store giving back the unused tail of its last chunk asks the heap
-// directly, outside the allocation path) may be refused too: that must change nothing.
-struct SweepHeap {
-    static inline std::uint64_t requests = 0, failAt = 0;  // failAt 0: none fails
-    static inline bool refusedShrink = false;
-    static inline std::unordered_map<void*, std::size_t>* live = nullptr;
-
-    static void* Allocate(std::size_t size) {
-        if (++requests == failAt) return nullptr;
-        void* block = std::malloc(size == 0 ? 1 : size);
-        if (block) (*live)[block] = size;
-        return block;
-    }
-    static void* Reallocate(void* block, std::size_t size) {
-        if (++requests == failAt) {
-            const auto known = live->find(block);
-            refusedShrink = known != live->end() && size <= known->second;
-            return nullptr;
-        }
-        void* grown = std::realloc(block, size == 0 ? 1 : size);
-        if (grown) live->erase(block), (*live)[grown] = size;
-        return grown;
-    }
-    static void Free(void* block) {
-        live->erase(block);
-        std::free(block);
-    }
-};
-const Platform::HeapHooks kSweepHeap{SweepHeap::Allocate, SweepHeap::Reallocate, SweepHeap::Free};
-
-// Installs the sweep heap for one run, failing request `failAt` (0: none).
-struct HeapRun {
-    std::unordered_map<void*, std::size_t> live;
-    explicit HeapRun(std::uint64_t failAt) {
-        SweepHeap::requests = 0;
-        SweepHeap::refusedShrink = false;
-        SweepHeap::failAt = failAt;
-        SweepHeap::live = &live;
-        Platform::SetHeapHooks(&kSweepHeap);
-    }
-    ~HeapRun() {
-        Platform::SetHeapHooks(nullptr);
-        SweepHeap::live = nullptr;
-    }
-};
 
 // What one run of the scenario gave.
 struct Outcome {
@@ -91,6 +41,15 @@ void Guarded(Outcome& o, const std::string& name, Step step) {
     }
 }
 
+// Opens a reader with `open`: a factory whose allocation failed must answer null.
+template <class Open>
+auto Opened(Outcome& o, const std::string& step, Open open) {
+    const bool before = IsOutOfMemory();
+    auto reader = open();
+    if (reader && !before && IsOutOfMemory()) o.Finding(step, "a reader made though an allocation failed");
+    return reader;
+}
+
 // The readers that follow the file while it is written: opened at the first commit, read on at
 // every later one; each must present that commit unless memory ran out.
 struct Followers final : CommitObserver {
@@ -105,8 +64,8 @@ struct Followers final : CommitObserver {
     void Committed(int commit) override {
         outcome.done = commit;
         if (commit == 1) {
-            raw = Open(path);
-            facade = OpenFacade(path, true);
+            raw = Opened(outcome, "follower", [&] { return Open(path); });
+            facade = Opened(outcome, "facade follower", [&] { return OpenFacade(path, true); });
             if (!raw) Clean("follower");
             if (!facade) Clean("facade follower");
         } else {
@@ -139,7 +98,7 @@ Outcome RunScenario(std::uint64_t seed, DesignSize size, const std::string& path
     {
         std::unique_ptr<Design> design;
         try {
-            design = std::make_unique<Design>(seed, path, false, size, &followers);
+            design = std::make_unique<Design>(seed, path, size, &followers);
         } catch (const std::runtime_error&) {
             o.factoryNull = true;
         }
@@ -167,13 +126,13 @@ Outcome RunScenario(std::uint64_t seed, DesignSize size, const std::string& path
     auto same = [&](const std::string& step, const std::string& got, const std::string& expected) {
         if (!IsOutOfMemory() && written && got != expected) o.Finding(step, "presents other content");
     };
-    Reader raw = Open(path);
+    Reader raw = Opened(o, "raw reader", [&] { return Open(path); });
     if (!raw) clean("raw reader");
     Guarded(o, "raw reader", [&] {
         if (raw) same("raw reader", Dump(*raw), full);
     });
     Guarded(o, "filtered reader", [&] {
-        Reader filtered = OpenFiltered(path, reference.FilteredSelection());
+        Reader filtered = Opened(o, "filtered reader", [&] { return OpenFiltered(path, reference.FilteredSelection()); });
         if (!filtered) clean("filtered reader");
         if (filtered) same("filtered reader", Dump(*filtered), reference.ExpectedFiltered(full));
     });
@@ -185,7 +144,7 @@ Outcome RunScenario(std::uint64_t seed, DesignSize size, const std::string& path
     });
     for (const bool byPosition : {true, false}) {
         const std::string name = byPosition ? "CreateStreamRead2" : "CreateStreamRead";
-        Facade facade = OpenFacade(path, byPosition);
+        Facade facade = Opened(o, name, [&] { return OpenFacade(path, byPosition); });
         if (!facade) clean(name);
         if (!facade) continue;
         for (int h = 0; h < 8; ++h) facade->GetTypeInfoString(h), facade->GetSignalInfo(h, nullptr, nullptr, nullptr, nullptr, nullptr);
@@ -243,25 +202,27 @@ void Sweep(std::uint64_t seed, DesignSize size, const Rounds& rounds, bool every
     const Reference reference(seed, size, folder.File("model.twf"));
     std::uint64_t total = 0;
     {
-        HeapRun heap(0);
+        TestHeap heap;
         const Outcome whole = RunScenario(seed, size, path, reference);
         ASSERT_EQ(whole.findings, "");
         ASSERT_TRUE(whole.cleanFailures == 0 && !IsOutOfMemory()) << "the scenario fails without a failing allocation";
         ASSERT_EQ(heap.live.size(), 0u) << "blocks left by a whole run";
-        total = SweepHeap::requests;
+        total = heap.requests;
     }
     ASSERT_GT(total, 100u);
     for (std::uint64_t k = 1; k <= total && !rounds.OutOfTime(); ++k) {
         SCOPED_TRACE("allocation " + std::to_string(k) + " of " + std::to_string(total));
         Outcome failed;
         std::size_t left = 0;
+        bool refusedShrink = false;
         {
-            HeapRun heap(k);
+            TestHeap heap(k);
             failed = RunScenario(seed, size, path, reference);
             left = heap.live.size();
+            refusedShrink = heap.refusedShrink;
         }
         ASSERT_EQ(failed.findings, "");
-        if (SweepHeap::refusedShrink) {  // nothing may fail for it
+        if (refusedShrink) {  // nothing may fail for it
             ASSERT_TRUE(failed.cleanFailures == 0 && !IsOutOfMemory() && left == 0) << "a refused shrink failed the run";
             ++*shrinks;
             continue;
@@ -280,7 +241,7 @@ void Sweep(std::uint64_t seed, DesignSize size, const Rounds& rounds, bool every
         }
         ++*points;
         if (!everyRecovery && k % 16 != 0 && k != total) continue;
-        HeapRun heap(0);
+        TestHeap heap;
         const Outcome again = RunScenario(seed, size, path, reference);
         ASSERT_TRUE(again.findings.empty() && again.cleanFailures == 0) << "after PrepareOutOfMemoryBuffer: " << again.findings;
         ASSERT_EQ(heap.live.size(), 0u);

@@ -30,14 +30,13 @@ public:
               std::function<bool(int)> wanted = [](int) { return true; })
         : m_wanted(std::move(wanted)) {
         {
-            Design design(seed, path, false, size, this);
+            Design design(seed, path, size, this);
             design.Run();
         }
         Reader full = Open(path);
         W(full != nullptr);
         const Listing listing(path);
         for (const auto& [handle, records] : listing) {
-            m_declared.insert(handle);
             for (const SIGINFO* info : *records) m_names[handle].push_back(info->name);
         }
         std::mt19937_64 rng(seed);
@@ -56,14 +55,14 @@ public:
     const std::string& Expected(int commit) const { return m_expected.at(commit); }
     bool Has(int commit) const { return m_expected.count(commit) != 0; }
     // What the filtered reader of this round must dump when the full reader dumps `full`.
-    std::string ExpectedFiltered(const std::string& full) const { return m_selection->ExpectedFor(full, m_declared); }
+    std::string ExpectedFiltered(const std::string& full) const { return m_selection->Expected(full); }
     Selection* FilteredSelection() const { return &m_selection->selection; }
     // Empty when `listing` lists exactly the declarations that the full dump `full` holds, each
     // under its handle with the names of the finished file's listing; else what differs.
     std::string ListingFinding(const std::unordered_map<int, std::vector<SIGINFO*>*>& listing, const std::string& full) const {
         std::set<int> expected;
         for (const std::string& item : Items(full)) {
-            if (item.rfind("signal ", 0) == 0 && m_declared.count(HandleOf(item))) expected.insert(HandleOf(item));
+            if (item.rfind("signal ", 0) == 0 && m_selection->declared.count(HandleOf(item))) expected.insert(HandleOf(item));
         }
         std::set<int> listed;
         for (const auto& [handle, records] : listing) {
@@ -82,15 +81,9 @@ private:
     std::function<bool(int)> m_wanted;
     std::map<int, std::string> m_expected;
     int m_commits = 0;
-    std::set<int> m_declared;
     std::map<int, std::vector<std::string>> m_names;
     std::unique_ptr<RandomSelection> m_selection;
 };
-
-using Facade = std::unique_ptr<ITarvelRead, void (*)(ITarvelRead*)>;
-inline Facade OpenFacade(const std::string& path, bool byPosition) {
-    return Facade(byPosition ? CreateStreamRead2(path.c_str()) : CreateStreamRead(path.c_str()), [](ITarvelRead* r) { r->Release(); });
-}
 
 // Empty when the facade's merged pass holds the events of its raw reader's stores in the map
 // model's order, and its top level the raw reader's signals without a parent; else what differs.

@@ -188,7 +188,7 @@ TEST(ThreadStress, ThreadsKeepAndPassOnTheStoresOfTheirOwnReaders) {
     std::uint64_t opened = 0, passed = 0;
     for (std::uint64_t seed; rounds.Next(&seed);) {
         SCOPED_TRACE(SeedTrace(seed));
-        Design(seed, path, false, {4, 2}).Run();
+        Design(seed, path, {4, 2}).Run();
         const std::size_t before = LiveBodies();
         {
             const auto reference = Stores(path);

@@ -1,8 +1,9 @@
-// KEventsStore::GetNextEvents against the per-event walk (GetNextEvent and the cursor's getters)
-// on seeded random stores: every generated shape and value size, with and without sources, made
+// Seeded random stores of every generated shape and value size, with and without sources, made
 // by push_back and refilled through the direct stores (unscaled codes, repeat codes as a file
-// gives them), batches of random sizes taking turns with single steps, seeks and run jumps on one
-// cursor. Store layer tests; single-threaded.
+// gives them): their walk gives back the generated events, and KEventsStore::GetNextEvents
+// matches the per-event walk (GetNextEvent and the cursor's getters) with batches of random
+// sizes taking turns with single steps, seeks and run jumps on one cursor. Store layer tests;
+// single-threaded.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -36,12 +37,23 @@ Seen Current(const KEventData& data, int width) {
     return {data.GetIndex(), {data.GetTime(), data.GetDelta(), ValueOf(bytes, width), data.GetSource()}};
 }
 
-// A store made by push_back from generated events, or refilled from it through the direct stores.
+std::vector<std::string> TimeCalls(const KEventsStore& store) {
+    RecordingWriter recorder;
+    EXPECT_TRUE(store.WriteTimeDelta(&recorder));
+    return recorder.calls;
+}
+
+// A store made by push_back from generated events, or refilled from it through the three
+// emission interfaces and the direct stores. Either walks back every event, and a refilled
+// store emits the time steps of the one it was refilled from.
 KEventsStore MakeStore(const std::vector<Event>& events, int size, bool refill) {
     KEventsStore store;
     store.SetSize(size);
     for (const Event& e : events) Push(store, e, store.GetSize());
     store.push_end(events.empty() ? 0 : events.back().time + 3, 0);
+    std::vector<Event> kept = events;  // a store without values walks with value 0
+    for (Event& e : kept) e.value = store.GetSize() == 0 ? 0 : e.value;
+    EXPECT_TRUE(Collect(store) == kept) << "the walk of the store";
     if (!refill) return store;
     KEventsStore copy;
     copy.SetSize(size);
@@ -57,6 +69,9 @@ KEventsStore MakeStore(const std::vector<Event>& events, int size, bool refill) 
         Tarvel::KDirectSourceStore sources(&copy);
         EXPECT_TRUE(store.WriteSource(&sources));
     }
+    EXPECT_EQ(copy.EndTime(), store.EndTime());
+    EXPECT_TRUE(Collect(copy) == kept) << "the walk of the refilled store";
+    EXPECT_EQ(TimeCalls(store), TimeCalls(copy));
     return copy;
 }
 
@@ -130,7 +145,7 @@ void CheckMixedWalk(const KEventsStore& store, std::mt19937_64& rng, const std::
     }
 }
 
-TEST(BatchWalk, MatchesSingleStepsOnRandomStores) {
+TEST(BatchWalk, RandomStoresWalkBackTheirEventsAndBatchesMatchSingleSteps) {
     const char* fixed = std::getenv("TARVEL_SEED");
     const std::uint64_t first = fixed ? std::strtoull(fixed, nullptr, 10) : std::random_device()();
     for (std::uint64_t seed = first; seed < first + (fixed ? 1 : 120); ++seed) {

@@ -2,12 +2,11 @@
 // and every later allocation fails until PrepareOutOfMemoryBuffer() re-arms the reserve.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <algorithm>
 #include <functional>
 
 #include "foundation/memory.h"
-#include "foundation/platform.h"
+#include "foundation/test_heap.h"
 #include "store/store_test_util.h"
 
 namespace TarvelTest {
@@ -15,20 +14,7 @@ namespace {
 
 using Tarvel::KEventsStore;
 
-// A heap that fails the n-th request from now on (and only that one).
-int g_countdown = -1;
-void* FailingAllocate(std::size_t size) { return --g_countdown == 0 ? nullptr : std::malloc(size); }
-void* FailingReallocate(void* block, std::size_t size) { return --g_countdown == 0 ? nullptr : std::realloc(block, size); }
-void CountingFree(void* block) { std::free(block); }
-const Tarvel::Platform::HeapHooks kFailingHeap{FailingAllocate, FailingReallocate, CountingFree};
-
-struct HeapFailure {
-    explicit HeapFailure(int n) {
-        g_countdown = n;
-        Tarvel::Platform::SetHeapHooks(&kFailingHeap);
-    }
-    ~HeapFailure() { Tarvel::Platform::SetHeapHooks(nullptr); }
-};
+using HeapFailure = Tarvel::Testing::TestHeap;  // fails the n-th request from now on
 
 struct Operation {
     const char* name;
@@ -50,7 +36,7 @@ void FailEveryAllocationInTurn(const Operation& op) {
         const unsigned count = store.count();
         bool failed = false;
         {
-            HeapFailure failure(n);
+            HeapFailure failure(static_cast<std::uint64_t>(n));
             try {
                 op.run(store);
             } catch (const std::bad_alloc& thrown) {
@@ -123,7 +109,7 @@ TEST(OutOfMemory, AFailingPushOnAStoreHeldAloneKeepsEveryEarlierEvent) {
         store.SetSize(8);
         size_t pushed = 0;
         {
-            HeapFailure failure(n);
+            HeapFailure failure(static_cast<std::uint64_t>(n));
             try {
                 for (; pushed < events.size(); ++pushed) Push(store, events[pushed], 8);
             } catch (const std::bad_alloc&) {

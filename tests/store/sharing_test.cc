@@ -1,5 +1,6 @@
 // Store handles shared across threads: copies, assignments, equal and different modifications
-// and releases race on the same bodies. Run under ThreadSanitizer as well.
+// and releases race on the same bodies. Run under ThreadSanitizer as well; the longer campaign is
+// tests/reliability/thread_stress_test.cc.
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -44,24 +45,6 @@ TEST(Sharing, ThreadsCopyModifyAndDropHandlesOfSharedBodies) {
     for (int t = 0; t < kThreads; ++t) EXPECT_EQ(failures[t], 0) << "thread " << t;
     EXPECT_EQ(base.count(), 200u);
     EXPECT_EQ(Tarvel::LiveBodies(), before) << "bodies left behind by the memo";
-}
-
-TEST(Sharing, DefaultHandlesAndCopiesOnManyThreads) {
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([] {
-            for (int i = 0; i < 2000; ++i) {
-                KEventsStore a;
-                KEventsStore b = a;
-                a.SetSize(1);
-                b.SetSize(1);
-                b = a;
-                a.push_back(i, 0);
-            }
-        });
-    }
-    for (std::thread& th : threads) th.join();
-    SUCCEED();
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // Helpers of the format-writer tests: a reporter that behaves like the writer's, a scratch file,
-// golden files with a switch to regenerate them, and file operations that fail on demand.
-// Test support for the writer layer; single-threaded (the file hooks are process-wide).
+// golden files with a switch to regenerate them. Test support for the writer layer;
+// single-threaded.
 #ifndef TARVEL_TESTS_WRITER_FORMAT_TEST_SUPPORT_H
 #define TARVEL_TESTS_WRITER_FORMAT_TEST_SUPPORT_H
 
@@ -123,40 +123,6 @@ inline std::string Written(const std::function<void(KLineWriter&)>& write) {
     write(file.Lines());
     return file.Finish();
 }
-
-// File operations that fail on demand while the object lives: each count is the number of calls
-// that still succeed (-1: all); `remote` makes every file a network file. `writes` counts writes.
-struct FailingFiles {
-    struct Budget {
-        int write = -1, flush = -1, seek = -1, tell = -1, commit = -1;
-        bool remote = false;
-        int writes = 0;
-    };
-    static Budget& Left() {
-        static Budget budget;
-        return budget;
-    }
-    static bool Spend(int& left) { return left < 0 || (left > 0 && left--); }
-
-    explicit FailingFiles(Budget budget) {
-        Left() = budget;
-        static const Platform::FileHooks hooks{
-            nullptr,
-            [](const char*) { return Left().remote; },
-            [](const void* data, std::size_t size, std::FILE* file) -> std::size_t {
-                ++Left().writes;
-                return Spend(Left().write) ? std::fwrite(data, 1, size, file) : size / 2;
-            },
-            [](std::FILE* file) { return Spend(Left().flush) && std::fflush(file) == 0; },
-            [](std::FILE* file) -> std::int64_t { return Spend(Left().tell) ? std::ftell(file) : -1; },
-            [](std::FILE* file, std::int64_t at) { return Spend(Left().seek) && std::fseek(file, at, SEEK_SET) == 0; },
-            nullptr,
-            [](std::FILE*) { return Spend(Left().commit); },
-        };
-        Platform::SetFileHooks(&hooks);
-    }
-    ~FailingFiles() { Platform::SetFileHooks(nullptr); }
-};
 
 }  // namespace Tarvel::Testing
 

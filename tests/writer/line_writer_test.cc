@@ -1,5 +1,5 @@
-// Field forms and line kinds of the waveform file: golden files per group of lines, the edge
-// cases of the field forms, and seeded round trips through small reference decoders.
+// Line kinds of the waveform file: golden files per group of lines (the field forms are
+// tests/format's), and the time-point dictionary through a small reference decoder.
 // Writer layer tests; single-threaded.
 #include <cctype>
 #include <random>
@@ -82,33 +82,7 @@ TEST(LineWriterGolden, EventBlockEndTimeAndTerminator) {
     ExpectGolden("event_block.txt", file.Finish());
 }
 
-// Writes `write(value)` and a space for each value.
-template <class T>
-std::string Spaced(std::initializer_list<T> values, void (*write)(KLineWriter&, T)) {
-    return Written([&](KLineWriter& w) {
-        for (T value : values) write(w, value), w.PutSpace();
-    });
-}
-
-TEST(LineWriterFields, EdgeCases) {
-    EXPECT_EQ(Spaced<std::int64_t>({0, 1000, 1500, 2147483647, 1000 * (std::int64_t{1} << 32), -3000},
-                                   [](KLineWriter& w, std::int64_t t) { w.PutEventTime(t); }),
-              "0 1k 1500 2147483647 4294967296k -3k ");
-    EXPECT_EQ(Spaced<int>({5, 6, 7}, [](KLineWriter& w, int v) { w.PutRelative(v); }), "5 6 7 ");
-    EXPECT_EQ(Spaced<int>({1000, 1001, 998}, [](KLineWriter& w, int v) { w.PutRelative(v); }),
-              "1000 +1 +-3 ");
-    EXPECT_EQ(Spaced<const char*>({"_x1", "a b", "say \"hi\"", "back\\slash", "", "1x", "\xC3\xA9"},
-                                  [](KLineWriter& w, const char* s) { w.PutString(s); }),
-              "_x1 \"a b\" \"say \\\"hi\\\"\" \"back\\\\slash\" \"\" \"1x\" \"\xC3\xA9\" ");
-    EXPECT_EQ(Spaced<const char*>({"abcdef", "abcdef", "ab", "ab"},
-                                  [](KLineWriter& w, const char* s) { w.PutName(s); }),
-              "abcdef 6 0 \"\" ab ab ");
-    const std::int32_t list[] = {1000, 1001, 1002, 1003, 9, 7, 5, 3, 3, 3, 4, 5};
-    EXPECT_EQ(Written([&](KLineWriter& w) { w.PutIndexList(list, 12); }), " 1000-+3 9-3/2 3 3-5");
-}
-
 // ---- The time-point dictionary through a reference decoder ------------------------------------
-// (Names and index lists are read back by the reader's lexer in tests/rawreader.)
 
 // Whitespace-separated tokens; a quoted string is one token, unescaped, marked by a leading '"'.
 std::vector<std::string> Tokens(const std::string& text) {
