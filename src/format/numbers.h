@@ -11,6 +11,7 @@
 #ifndef TARVEL_FORMAT_NUMBERS_H
 #define TARVEL_FORMAT_NUMBERS_H
 
+#include <charconv>
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
@@ -48,10 +49,22 @@ NumberText RelativeText(std::int32_t value, std::int32_t& previous) noexcept;
 
 template <class Sink>
 bool PutInteger(Sink& out, std::int32_t value) {
+    if constexpr (requires { out.Reserve(kNumberRoom); }) {  // straight into a buffer with room
+        if (char* at = out.Reserve(kNumberRoom)) {
+            out.Advance(static_cast<std::size_t>(std::to_chars(at, at + kNumberRoom, value).ptr - at));
+            return true;
+        }
+    }
     return out.Write(DecimalText(value).View());
 }
 template <class Sink>
 bool PutWide(Sink& out, std::int64_t value) {
+    if constexpr (requires { out.Reserve(kNumberRoom); }) {
+        if (char* at = out.Reserve(kNumberRoom)) {
+            out.Advance(static_cast<std::size_t>(std::to_chars(at, at + kNumberRoom, value).ptr - at));
+            return true;
+        }
+    }
     return out.Write(DecimalText(value).View());
 }
 template <class Sink>

@@ -61,7 +61,7 @@ public:
     // stream failed before, or the buffer cannot be written out.
     bool Write(const char* data, std::size_t size) {
         if (size != 0 && size <= static_cast<std::size_t>(m_limit - m_cursor)) {
-            std::memcpy(m_cursor, data, size);
+            CopySmall(m_cursor, data, size);
             m_cursor += size;
             return true;
         }
@@ -116,6 +116,24 @@ public:
     bool EndsWithTerminator() const noexcept { return m_resumable && m_file != nullptr; }
 
 private:
+    // Most writes are a number, a word or a line end: fixed-size copies that overlap for the
+    // lengths in between, inline, where a call to memcpy would cost more than the copy.
+    static void CopySmall(char* to, const char* from, std::size_t size) noexcept {
+        if (size >= 8 && size <= 16) {
+            std::memcpy(to, from, 8);
+            std::memcpy(to + size - 8, from + size - 8, 8);
+        } else if (size >= 4 && size < 8) {
+            std::memcpy(to, from, 4);
+            std::memcpy(to + size - 4, from + size - 4, 4);
+        } else if (size < 4) {
+            to[0] = from[0];
+            if (size > 1) to[1] = from[1];
+            if (size > 2) to[2] = from[2];
+        } else {
+            std::memcpy(to, from, size);
+        }
+    }
+
     bool WriteSlow(const char* data, std::size_t size);
     bool TakePendingByte(const char*& data, std::size_t& size);
     bool FlushQuietly();
