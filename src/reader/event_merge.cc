@@ -249,6 +249,7 @@ bool KEventMerge::TakeSmallest() {
     m_batch = m_slots[i].head;
     EraseSlot(i);
     PrefetchBatch();
+    StandOn(m_hot[m_batch], Current(m_batch));
     return true;
 }
 

@@ -72,7 +72,7 @@ public:
     inline bool Next();
 
     // The current event. REQUIRES: the last Start or Next returned true.
-    std::int32_t CurrentHandle() const { return m_hot[m_batch].handle; }
+    std::int32_t CurrentHandle() const { return m_handle; }
     const Stamp& CurrentStamp() const { return m_now; }
     // Copies the current event's value (its store's value size; nothing for a store without
     // values) into `buffer`.
@@ -153,6 +153,11 @@ private:
     const unsigned char* Current(std::int32_t entry) const {
         const Hot& hot = m_hot[entry];
         return m_decoded + hot.base + std::size_t{hot.at} * ItemBytes(hot.valueSize);
+    }
+    void StandOn(const Hot& hot, const unsigned char* item) {
+        m_item = item;
+        m_handle = hot.handle;
+        m_valueSize = hot.valueSize;
     }
     Stamp StampOf(std::int32_t entry) const {
         const unsigned char* item = Current(entry);
@@ -252,6 +257,10 @@ private:
     std::int32_t m_ahead = -1;      // the batch's entry kPrefetchDistance after it, item prefetched next; -1 when none
     std::int32_t m_link = -1;       // the entry as far after that, entry state prefetched next; -1 when none
     Stamp m_now{0, 0};              // the current batch's stamp
+    // The current event, kept when it is chosen so that the accessors need not find it again.
+    const unsigned char* m_item = nullptr;  // its item in m_decoded
+    std::int32_t m_handle = -1;             // its entry's handle
+    std::uint8_t m_valueSize = 0;           // its store's value size
 };
 
 inline bool KEventMerge::Next() {
@@ -264,10 +273,14 @@ inline bool KEventMerge::Next() {
     if (m_queueHead != m_queueTail) RunQueue();
     if (++hot.at + 1 == hot.count && hot.state == kMore && hot.room > 1) Defer(e);
     if (hot.at < hot.count || Refill(e)) {
-        const Stamp stamp = StampOf(e);
+        const unsigned char* item = Current(e);
+        Stamp stamp;
+        std::memcpy(&stamp.time, item + kTimeAt, sizeof stamp.time);
+        std::memcpy(&stamp.delta, item + kDeltaAt, sizeof stamp.delta);
         if (stamp == m_now) {  // another event at the same stamp: it is the newest, so it is next
             m_next[e] = m_batch;
             m_batch = e;
+            StandOn(hot, item);
             return true;
         }
         if (m_batch < 0 && (m_heapSize == 0 || stamp < m_heap[0])) {
@@ -279,17 +292,20 @@ inline bool KEventMerge::Next() {
             m_next[e] = -1;
             m_batch = e;
             m_ahead = m_link = -1;
+            StandOn(hot, item);
             return true;
         }
         if (stamp < m_now) PutBackBatch();
         Wait(e, stamp);
     }
-    return m_batch >= 0 || TakeSmallest();
+    if (m_batch < 0) return TakeSmallest();
+    StandOn(m_hot[m_batch], Current(m_batch));
+    return true;
 }
 
 inline void KEventMerge::CurrentValue(unsigned char* buffer) const {
-    const unsigned char* value = Current(m_batch) + kValueAt;
-    switch (m_hot[m_batch].valueSize) {
+    const unsigned char* value = m_item + kValueAt;
+    switch (m_valueSize) {
         case 4: std::memcpy(buffer, value, 4); break;
         case 8: std::memcpy(buffer, value, 8); break;
         default: break;
