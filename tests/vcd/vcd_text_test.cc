@@ -73,15 +73,16 @@ TEST(VcdText, IdentifierCodesAreDistinctPrintableWords) {
     }
 }
 
-// The kinds that the export test's design does not hold (it has std_logic, bit, a vector, a
-// state type, boolean, integer, real, a 64-bit time and a record).
+// The kinds that the export test's design does not hold (it has std_logic, a vector, a state
+// type, characters, boolean, integer, real, a physical time, a 64-bit integer and a record).
 TEST(VcdText, TheRarerKindsOfTypeBecomeTheirVcdVariables) {
     EXPECT_EQ(ClassifyType(kEventType).keyword, "event");
     EXPECT_EQ(ClassifyType(kEventType).characters, "ux01zwlh-");
     EXPECT_EQ(ClassifyType("e#4#charc2  a").literals, (std::vector<std::string>{"_", "a"}));  // no blanks in a VCD
     EXPECT_EQ(ClassifyType("l#7#longint").keyword, "integer");
     EXPECT_EQ(ClassifyType("l#7#longint").width, 64u);
-    EXPECT_EQ(ClassifyType("p#4#time#2#fs").keyword, "integer");  // a count of the unit
+    EXPECT_EQ(ClassifyType("l#4#time").keyword, "time");
+    EXPECT_EQ(ClassifyType("e#3#bitc2 01").keyword, "reg");
     EXPECT_EQ(ClassifyType("f#8#realtime").keyword, "realtime");
     const ExportType ascending = ClassifyType("a#10#bit_vector[0t3]e#3#bitc2 01");
     EXPECT_EQ(ascending.exportClass, ExportClass::kVector);
