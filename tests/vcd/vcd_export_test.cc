@@ -70,6 +70,10 @@ TEST(VcdExport, EveryKindOfSignalBecomesItsVariable) {
     ASSERT_NE(twin, std::string::npos);
     EXPECT_EQ(text.substr(clk - 2, 2), text.substr(twin - 2, 2)) << text;  // " !" and " !"
     EXPECT_EQ(result.aliases, 1u);
+    VcdExportOptions one;
+    one.windowEvents = 1;  // windows of about one event each: the same bytes
+    ASSERT_TRUE(ExportVcd(folder.File("d.twf"), folder.File("one.vcd"), nullptr, one).ok);
+    EXPECT_EQ(ReadText(folder.File("one.vcd")), text);
 }
 
 // Stores are decoded in batches: over hundreds of times, with one to three deltas each so that
