@@ -193,10 +193,6 @@ def test_bad_input_raises_python_exceptions(tmp_path, design):
             w.store_many(s, [0, 1], [1])
         w.set_time(10)
         w.store(s, 1)
-    with pytest.raises(tarvel.Error, match="back.twf"):  # time goes back: the writer refuses and stops
-        with tarvel.Writer(tmp_path / "back.twf") as w:
-            w.set_time(10)
-            w.set_time(5)
     with pytest.raises(tarvel.Error):
         tarvel.Writer(tmp_path / "no" / "such" / "dir.twf")
     assert list(tarvel.open(tmp_path / "w.twf")["s"].values) == [1]  # the refusals wrote nothing

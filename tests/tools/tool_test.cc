@@ -1,9 +1,8 @@
 // The `tarvel` tool as its users run it: each subcommand on files the writer makes and on
 // hand-broken files, its output (golden files for info, tree and dump: TARVEL_REGENERATE_GOLDEN=1
 // rewrites them), its exit codes and its one-line errors; follow against a writer writing at
-// the same time. Tests of the tool; the tool runs as a child process.
+// the same time; import-vcd and export-vcd on a simulator's VCD. Tests of the tool; the tool runs as a child process.
 #include <gtest/gtest.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,7 +12,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -23,7 +21,7 @@
 #include <thread>
 #include <vector>
 
-extern char** environ;
+#include "tools/every_kind_design.h"
 
 namespace {
 
@@ -50,9 +48,9 @@ protected:
         int code;
         std::string out, err;
     };
-    // Runs `tarvel ARGS` in the folder.
-    Run Tool(const std::string& args) const {
-        const std::string command = "cd '" + m_dir.string() + "' && '" TARVEL_TOOL "' " + args + " >out.txt 2>err.txt";
+    // Runs `tarvel ARGS` in the folder, after `prefix` (a command such as timeout that runs it).
+    Run Tool(const std::string& args, const std::string& prefix = "") const {
+        const std::string command = "cd '" + m_dir.string() + "' && " + prefix + " '" TARVEL_TOOL "' " + args + " >out.txt 2>err.txt";
         const int status = std::system(command.c_str());
         return Run{WIFEXITED(status) ? WEXITSTATUS(status) : -1, Read(m_dir / "out.txt"), Read(m_dir / "err.txt")};
     }
@@ -71,97 +69,9 @@ protected:
     fs::path m_dir;
 };
 
-// ---- Files the writer makes ------------------------------------------------------------------
-
 #define W(call) ASSERT_TRUE(call) << #call
-
-class Sources final : public Tarvel::ISourceCallback {
-public:
-    bool GetSourceLocation(int source, const char** fileName, int* line) const override {
-        *fileName = source == 1 ? "tb.vhd" : "dut.vhd";
-        *line = 10 * source;
-        return source >= 1 && source <= 3;
-    }
-};
-
-enum Handle : int { kTb = 1, kClk, kDut, kData = 10, kCount = 20, kLevel, kState, kFlag, kDelay, kBig, kPkt = 30, kAddr, kValid, kWatch = 40 };
-
-void Put(Tarvel::ITarvelWrite& w, int handle, std::uint64_t value, int source = 0) {
-    unsigned char bytes[8];
-    for (int i = 0; i < 8; ++i) bytes[i] = static_cast<unsigned char>(value >> (8 * i));
-    ASSERT_TRUE(w.StoreValueWithSource(handle, bytes, source)) << handle;
-}
-
-// A design with a value of every kind: scopes, a std_logic_vector bus and its elements, an
-// integer, a real, a state machine, character literals, a time, a 64-bit integer, a record, a
-// virtual bus; properties, sources, delta cycles, a std_logic code the writer writes as '?'.
-void WriteDesign(const fs::path& path, int cycles, bool commitAtEnd = true) {
-    Sources sources;
-    Tarvel::ITarvelWrite* w = Tarvel::CreateStreamWriteTimed(path.c_str(), &sources);
-    ASSERT_NE(w, nullptr);
-    const char* logic = "e#9#std_logicc9 UX01ZWLH-";
-    W(w->SetResolution(1000) && w->StoreProperty(0, -1, "Project", "tool test") && w->StoreProperty(0, -1, "TopLevel", "tb"));
-    W(w->StoreSignal(kTb, Tarvel::kPortNone, -1, 0, "tb", 0));
-    W(w->SetTypeInfo(kClk, logic) && w->StoreSignal(kClk, Tarvel::kPortIn, kTb, 0, "clk", 0));
-    W(w->StoreSignal(kDut, Tarvel::kPortNone, kTb, 1, "dut", 0));
-    W(w->SetTypeInfo(kData, "a#16#std_logic_vector[3d0]e#9#std_logicc9 UX01ZWLH-") && w->StoreBus(kData, Tarvel::kPortOut, 0, kDut, 0, "data", 0));
-    for (int p = 0; p < 4; ++p) W(w->SetTypeInfo(kData + 1 + p, logic) && w->StoreSignal(kData + 1 + p, Tarvel::kPortOut, kData, p, "data", 0));
-    W(w->SetTypeInfo(kCount, "i#7#integer") && w->StoreSignal(kCount, Tarvel::kPortBuffer, kDut, 1, "count", 0));
-    W(w->SetTypeInfo(kLevel, "f#4#real") && w->StoreSignal(kLevel, Tarvel::kPortSignal, kDut, 2, "level", 0));
-    W(w->SetTypeInfo(kState, "e#5#staten3#4#IDLE#4#LOAD#3#RUN") && w->StoreSignal(kState, Tarvel::kPortSignal, kDut, 3, "state", 0));
-    W(w->SetTypeInfo(kFlag, "e#4#charc2 ab") && w->StoreSignal(kFlag, Tarvel::kPortInOut, kDut, 4, "flag", 0));
-    W(w->SetTypeInfo(kDelay, "p#4#time#2#fs") && w->StoreSignal(kDelay, Tarvel::kPortVariable, kDut, 5, "delay", 0));
-    W(w->SetTypeInfo(kBig, "l#6#bigint") && w->StoreSignal(kBig, Tarvel::kPortLinkage, kDut, 6, "big", 0));
-    W(w->SetTypeInfo(kPkt, "r#6#packet2#4#addri#7#integer#5#valide#7#booleann2#5#FALSE#4#TRUE") &&
-      w->StoreBus(kPkt, Tarvel::kPortOut, 0, kDut, 7, "pkt", 0));
-    W(w->SetTypeInfo(kAddr, "i#7#integer") && w->StoreSignal(kAddr, Tarvel::kPortOut, kPkt, 0, "addr", 0));
-    W(w->SetTypeInfo(kValid, "e#7#booleann2#5#FALSE#4#TRUE") && w->StoreSignal(kValid, Tarvel::kPortOut, kPkt, 1, "valid", 0));
-    W(w->StoreBus(kWatch, Tarvel::kPortVirtualBus, 1, -1, 0, "watch", 0) && w->StoreProperty(0, kState, "VBus", "1"));
-    W(w->StoreProperty(0, kCount, "Comment", "edges of clk") && w->StoreProperty(0, kLevel, "Hidden", "1"));
-    for (int c = 0; c < cycles; ++c) {
-        W(w->SetTime(int64{c} * 10000));
-        Put(*w, kClk, 3, 1);
-        W(w->SetDelta(1));
-        Put(*w, kCount, static_cast<std::uint64_t>(c), 2);
-        for (int bit = 0; bit < 4; ++bit) {
-            if (c == 0 || ((c ^ (c - 1)) >> bit & 1)) Put(*w, kData + 4 - bit, (c >> bit & 1) ? 3 : 2, 2);
-        }
-        double level = c * 0.25;
-        std::uint64_t bits;
-        std::memcpy(&bits, &level, sizeof bits);
-        Put(*w, kLevel, bits);
-        Put(*w, kState, static_cast<std::uint64_t>(c % 3), 3);
-        Put(*w, kFlag, static_cast<std::uint64_t>(c % 2));
-        Put(*w, kDelay, static_cast<std::uint64_t>(c) * 1500);
-        Put(*w, kBig, (std::uint64_t{1} << 40) + static_cast<std::uint64_t>(c));
-        Put(*w, kAddr, static_cast<std::uint64_t>(c) * 4);
-        Put(*w, kValid, static_cast<std::uint64_t>(c % 2));
-        W(w->SetTime(int64{c} * 10000 + 5000));
-        Put(*w, kClk, c == 3 ? 9 : 2, 1);  // 9 is no std_logic value: written '?'
-        if (c % 4 == 3) {
-            W(w->Commit() && w->Resume());
-        }
-    }
-    if (commitAtEnd) {
-        W(w->SetTime(int64{cycles} * 10000) && w->Commit());
-    }
-    W(w->Release());
-}
-
-// A file whose writer resumed after its last commit and wrote on: it ends at a commit mark.
-void WriteGrowing(const fs::path& path) {
-    Tarvel::ITarvelWrite* w = Tarvel::CreateStreamWriteTimed(path.c_str());
-    ASSERT_NE(w, nullptr);
-    W(w->SetTypeInfo(1, "i#7#integer") && w->StoreSignal(1, Tarvel::kPortOut, -1, 0, "n", 0));
-    for (int round = 0; round < 3; ++round) {
-        W(w->SetTime(round * 100));
-        Put(*w, 1, static_cast<std::uint64_t>(round));
-        W(w->Commit() && w->Resume());
-    }
-    W(w->SetTime(1000));
-    Put(*w, 1, 99);
-    W(w->Flush() && w->Release());
-}
+using Tarvel::Testing::Put;
+using Tarvel::Testing::WriteDesign;
 
 // ---- info, tree, dump --------------------------------------------------------------------------
 
@@ -192,7 +102,7 @@ TEST_F(ToolTest, DumpChoosesSignalsAndTimes) {
               "30000ps+1 tb.dut.pkt.addr  12\n"
               "30000ps+1 tb.dut.pkt.valid TRUE\n");
     EXPECT_EQ(lines(Tool("dump design.twf -s tb.dut -n 5").out), 5);
-    EXPECT_EQ(lines(Tool("dump design.twf --from 2.5ns --to 5ns").out), 1);  // the falling clock at 5 ns
+    EXPECT_EQ(lines(Tool("dump design.twf --from 2.5ns --to 5ns").out), 2);  // the falling clock and its twin at 5 ns
     EXPECT_EQ(Tool("dump design.twf -s watch").out, Tool("dump design.twf -s watch.state").out);
     // Bad usage: exit 2 and one line.
     run = Tool("dump design.twf -s tb.nothing");
@@ -207,7 +117,7 @@ TEST_F(ToolTest, DumpChoosesSignalsAndTimes) {
 }
 
 TEST_F(ToolTest, EverySubcommandHasHelpAndTheToolAVersion) {
-    for (const char* command : {"info", "tree", "dump", "check", "follow", "demo"}) {
+    for (const char* command : {"info", "tree", "dump", "check", "follow", "demo", "import-vcd", "export-vcd"}) {
         const Run run = Tool(std::string(command) + " --help");
         EXPECT_EQ(run.code, 0) << command;
         EXPECT_NE(run.out.find("Usage: tarvel " + std::string(command)), std::string::npos) << command << run.out;
@@ -266,7 +176,7 @@ TEST_F(ToolTest, CheckNamesTheLineAndColumnOfEachFault) {
 TEST_F(ToolTest, CheckAcceptsEveryFileTheWriterMakes) {
     WriteDesign(File("design.twf"), 8);
     WriteDesign(File("long.twf"), 300);
-    WriteGrowing(File("growing.twf"));
+    WriteDesign(File("growing.twf"), 9, false);  // resumed after its last commit and wrote on
     std::string files = "design.twf long.twf growing.twf";
     for (const auto& seed : fs::directory_iterator(fs::path(TARVEL_SOURCE_DIR) / "fuzz/corpus/raw_reader")) {
         if (seed.path().filename().string().rfind("design", 0) == 0) files += " " + seed.path().string();  // writer-made seeds
@@ -274,44 +184,14 @@ TEST_F(ToolTest, CheckAcceptsEveryFileTheWriterMakes) {
     const Run run = Tool("check -q " + files);
     EXPECT_EQ(run.code, 0) << run.err;
     EXPECT_EQ(run.out + run.err, "");
-    EXPECT_EQ(Tool("check growing.twf").out, "growing.twf: readable; reads up to the commit mark at line 24\n");
-    EXPECT_NE(Tool("info growing.twf").out.find("state       ends at a commit mark (line 24)"), std::string::npos);
+    EXPECT_EQ(Tool("check growing.twf").out, "growing.twf: readable; reads up to the commit mark at line 335\n");
+    EXPECT_NE(Tool("info growing.twf").out.find("state       ends at a commit mark (line 335)"), std::string::npos);
     // A file never committed has no terminator.
     WriteDesign(File("never.twf"), 2, false);
     EXPECT_EQ(Tool("check never.twf").code, 1);
 }
 
 // ---- follow --------------------------------------------------------------------------------------
-
-// Starts `tarvel ARGS...` with its output in files of the folder; returns its process id.
-pid_t Start(const fs::path& dir, std::vector<std::string> args) {
-    args.insert(args.begin(), TARVEL_TOOL);
-    std::vector<char*> argv;
-    for (std::string& arg : args) argv.push_back(arg.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t files;
-    posix_spawn_file_actions_init(&files);
-    posix_spawn_file_actions_addopen(&files, 1, (dir / "follow.out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_addopen(&files, 2, (dir / "follow.err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    pid_t pid = -1;
-    posix_spawn(&pid, TARVEL_TOOL, &files, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&files);
-    return pid;
-}
-
-// The exit code of `pid`; -1 when it ends otherwise or is still running after 20 s (then killed).
-int ExitOf(pid_t pid) {
-    int status = 0;
-    for (int waited = 0; waitpid(pid, &status, WNOHANG) == 0; waited += 10) {
-        if (waited > 20000) {
-            kill(pid, SIGKILL);
-            waitpid(pid, &status, 0);
-            return -1;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 
 void Sleep(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 
@@ -331,7 +211,8 @@ TEST_F(ToolTest, FollowPrintsEachCommitOnceAndEndsWhenTheWriterCloses) {
     ASSERT_NE(w, nullptr);
     W(w->SetTypeInfo(1, "i#7#integer") && w->StoreSignal(1, Tarvel::kPortOut, -1, 0, "n", 0));
     W(w->SetTime(0) && w->Flush());
-    const pid_t follow = Start(m_dir, {"follow", path.string(), "--interval", "20"});
+    Run followed;  // at most 20 s
+    std::jthread follower([&] { followed = Tool("follow live.twf --interval 20", "timeout 20"); });
     Sleep(150);  // it waits for the first commit while the writer holds the file
     for (int round = 0; round < 4; ++round) {
         for (int i = 0; i < 3; ++i) {
@@ -346,14 +227,14 @@ TEST_F(ToolTest, FollowPrintsEachCommitOnceAndEndsWhenTheWriterCloses) {
         Sleep(round % 2 ? 100 : 0);  // some commits come together
     }
     W(w->SetTime(5000) && w->Commit() && w->Release());
-    ASSERT_EQ(ExitOf(follow), 0) << Read(m_dir / "follow.err") << Read(m_dir / "follow.out");
+    follower.join();
+    ASSERT_EQ(followed.code, 0) << followed.err << followed.out;
     const auto squeeze = [](std::string text) {
         text.erase(std::unique(text.begin(), text.end(), [](char a, char b) { return a == ' ' && b == ' '; }), text.end());
         return text;
     };
-    EXPECT_EQ(squeeze(Read(m_dir / "follow.out")), squeeze(Tool("dump live.twf").out));
-    EXPECT_EQ(Read(m_dir / "follow.err"), "tarvel follow: waiting for the first commit of " + path.string() +
-                                              "\ntarvel follow: " + path.string() + ": complete, closed by its writer\n");
+    EXPECT_EQ(squeeze(followed.out), squeeze(Tool("dump live.twf").out));
+    EXPECT_EQ(followed.err, "tarvel follow: waiting for the first commit of live.twf\ntarvel follow: live.twf: complete, closed by its writer\n");
 }
 
 TEST_F(ToolTest, FollowStopsOnInterruptAndRefusesWhatDoesNotRead) {
@@ -361,16 +242,51 @@ TEST_F(ToolTest, FollowStopsOnInterruptAndRefusesWhatDoesNotRead) {
     Tarvel::ITarvelWrite* w = Tarvel::CreateStreamWriteTimed(path.c_str());
     ASSERT_NE(w, nullptr);
     W(w->SetTypeInfo(1, "i#7#integer") && w->StoreSignal(1, Tarvel::kPortOut, -1, 0, "n", 0) && w->Commit());
-    const pid_t follow = Start(m_dir, {"follow", path.string(), "-s", "n"});
-    Sleep(300);
-    kill(follow, SIGINT);
-    EXPECT_EQ(ExitOf(follow), 0);
+    EXPECT_EQ(Tool("follow held.twf -s n", "timeout --preserve-status -s INT 0.3").code, 0);  // stops on interrupt
     W(w->Release());
     Write(File("junk.twf"), "$WAVE4\r\n$JUNK\r\n");
     const Run junk = Tool("follow junk.twf");
     EXPECT_EQ(junk.code, 1);
     EXPECT_EQ(junk.err, "tarvel follow: junk.twf:2:1: unknown keyword '$JUNK'\n");
     EXPECT_EQ(Tool("follow held.twf -s nothing").code, 2);
+}
+
+// ---- import-vcd and export-vcd ------------------------------------------------------------------
+
+TEST_F(ToolTest, VcdImportAndExportOfFilesAndStandardStreams) {
+    const std::string vcd = std::string(TARVEL_SOURCE_DIR) + "/tests/designs/counter.ghdl.vcd";
+    Run run = Tool("import-vcd " + vcd + " -o a.twf");
+    EXPECT_EQ(run.code, 0) << run.err;
+    EXPECT_EQ(run.out.rfind("a.twf: 6 scopes, 20 variables, ", 0), 0u) << run.out;
+    // Reports go to stderr, one line each, named after the input.
+    run = Tool("import-vcd - -o b.twf < " + vcd);
+    EXPECT_EQ(run.code, 0) << run.err;
+    EXPECT_EQ(run.err, "tarvel import-vcd: <stdin>:71: tb.level: real values keep 6 significant digits in the waveform format "
+                       "(0.074500000000000011 becomes 0.0745)\n");
+    run = Tool("export-vcd b.twf -o b.vcd");
+    EXPECT_EQ(run.code, 0) << run.err;
+    EXPECT_EQ(run.out.rfind("b.vcd: 20 variables (", 0), 0u) << run.out;
+    run = Tool("export-vcd a.twf -o -");
+    EXPECT_EQ(run.code, 0) << run.err;
+    EXPECT_EQ(run.out, Read(File("b.vcd")));
+    // Files that cannot be read or written: exit 1 and one line.
+    Write(File("text.vcd"), "just some text\n");
+    for (const auto& [arguments, message] : std::initializer_list<std::pair<std::string, std::string>>{
+             {"import-vcd none.vcd -o o.twf", "tarvel import-vcd: cannot read none.vcd: No such file or directory"},
+             {"import-vcd . -o o.twf", "tarvel import-vcd: cannot read .: Is a directory"},
+             {"import-vcd text.vcd -o o.twf",
+              "tarvel import-vcd: text.vcd:1: 'just' where a $ section should start: not a VCD file (o.twf holds what came before)"},
+             {"import-vcd " + vcd + " -o no/such/dir/o.twf", "tarvel import-vcd: cannot create no/such/dir/o.twf: No such file or directory"},
+             {"export-vcd text.vcd -o o.vcd", "tarvel export-vcd: text.vcd:1:1: no waveform file: the first line is no $WAVE header"},
+         }) {
+        run = Tool(arguments);
+        EXPECT_EQ(run.code, 1) << arguments;
+        EXPECT_EQ(run.err, message + "\n");
+    }
+    for (const char* arguments : {"import-vcd", "import-vcd in.vcd", "export-vcd x.twf", "import-vcd a.vcd -o b --bogus",
+                                  "import-vcd a.vcd -o b --commit-every 0"}) {
+        EXPECT_EQ(Tool(arguments).code, 2) << arguments;
+    }
 }
 
 // ---- demo --------------------------------------------------------------------------------------------

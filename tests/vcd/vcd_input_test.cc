@@ -1,6 +1,6 @@
 // The import's input: words across the blanks of every kind, line numbers, words that cross the
-// block boundary or are longer than a block, a word kept across a refill, and files that cannot
-// be read. Tool tests.
+// block boundary or are longer than a block, and a word kept across a refill (files that cannot be
+// read are the tool test's). Tool tests.
 #include <gtest/gtest.h>
 
 #include "vcd/vcd_test_support.h"
@@ -71,16 +71,6 @@ TEST(VcdInput, AKeptWordSurvivesTheRefill) {
     EXPECT_NE(digits.data(), before);  // the data moved
     EXPECT_EQ(digits, "b0101");
     EXPECT_EQ(code, "!c");
-}
-
-TEST(VcdInput, MissingFilesAndFoldersAreRefusedWithTheirReason) {
-    Folder folder;
-    VcdInput missing, folderInput;
-    std::string error;
-    EXPECT_FALSE(missing.Open(folder.File("none.vcd"), &error));
-    EXPECT_EQ(error, "No such file or directory");
-    EXPECT_FALSE(folderInput.Open(folder.path, &error));
-    EXPECT_EQ(error, "Is a directory");
 }
 
 }  // namespace

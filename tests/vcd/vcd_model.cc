@@ -18,27 +18,24 @@ struct Declared {
     bool isSigned;
 };
 
-std::int64_t UnitOf(std::string text) {
+std::int64_t UnitOf(const std::string& text) {
     std::size_t digits = 0;
-    while (digits < text.size() && std::isdigit(static_cast<unsigned char>(text[digits]))) ++digits;
-    const std::int64_t number = std::stoll(text.substr(0, digits));
-    const std::string unit = text.substr(digits);
-    const std::map<std::string, std::int64_t> units = {{"s", 1000000000000000}, {"ms", 1000000000000},
-                                                       {"us", 1000000000},      {"ns", 1000000},
-                                                       {"ps", 1000},            {"fs", 1}};
-    if (!units.count(unit)) throw std::runtime_error("unknown time unit " + text);
-    return number * units.at(unit);
+    const std::int64_t number = std::stoll(text, &digits);
+    const std::string units[] = {"fs", "ps", "ns", "us", "ms", "s"};
+    std::int64_t unit = 1;
+    for (const std::string& name : units) {
+        if (text.substr(digits) == name) return number * unit;
+        unit *= 1000;
+    }
+    throw std::runtime_error("unknown time unit " + text);
 }
 
 VcdVariable::Category CategoryOf(const std::string& keyword, std::uint32_t width) {
     if (keyword == "real" || keyword == "realtime" || keyword == "shortreal") return VcdVariable::kReal;
     if (keyword == "string") return VcdVariable::kString;
     if (keyword == "event") return VcdVariable::kEvent;
-    if ((keyword == "integer" || keyword == "int" || keyword == "shortint" || keyword == "longint" ||
-         keyword == "byte" || keyword == "time") && width <= 64) {
-        return VcdVariable::kInteger;
-    }
-    return VcdVariable::kBits;
+    const std::set<std::string> integers = {"integer", "int", "shortint", "longint", "byte", "time"};
+    return integers.count(keyword) && width <= 64 ? VcdVariable::kInteger : VcdVariable::kBits;
 }
 
 // Digits extended to `width` the way IEEE 1364 says (0 after 0 or 1, else the leading digit).
